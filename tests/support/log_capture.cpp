@@ -1,0 +1,41 @@
+#include "tests/support/log_capture.h"
+
+#include "zq/util/zqlog.h"
+
+std::ostream &operator<<(std::ostream &out, const LogLine &line)
+{
+    return out << "[" << line.level << "] " << line.text;
+}
+
+LogCapture::LogCapture(int level)
+{
+    // Under fault injection the default log itself may fail to be made, once.
+    if (zq_log_init() != 0 && zq_log_init() != 0)
+        zq_log_init();
+    zq_log_callback_set(nullptr, receive, this);
+    zq_log_callback_set_level(nullptr, level);
+    zq_log_callback_enable(nullptr);
+    zq_log_stderr_disable(nullptr);
+}
+
+LogCapture::~LogCapture()
+{
+    zq_log_callback_disable(nullptr);
+    zq_log_callback_set(nullptr, nullptr, nullptr);
+    zq_log_stderr_enable(nullptr);
+}
+
+std::vector<LogLine> LogCapture::take()
+{
+    std::lock_guard lock(mutex);
+    return std::move(lines);
+}
+
+int LogCapture::receive(const char *message, size_t length, unsigned int level, time_t,
+                        void *userdata)
+{
+    auto *self = static_cast<LogCapture *>(userdata);
+    std::lock_guard lock(self->mutex);
+    self->lines.push_back({level, std::string(message, length)});
+    return 0;
+}

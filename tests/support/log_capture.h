@@ -1,0 +1,36 @@
+#ifndef TESTS_SUPPORT_LOG_CAPTURE_H
+#define TESTS_SUPPORT_LOG_CAPTURE_H
+
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <vector>
+
+struct LogLine {
+    unsigned int level;
+    std::string text;
+    bool operator==(const LogLine &) const = default;
+};
+std::ostream &operator<<(std::ostream &out, const LogLine &line);
+
+// Catches the lines of the default log, as severe as `level` or more, for its lifetime, and keeps
+// standard error quiet.
+class LogCapture
+{
+  public:
+    explicit LogCapture(int level = 10);
+    ~LogCapture();
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+
+    // The lines since the last call.
+    std::vector<LogLine> take();
+
+  private:
+    static int receive(const char *message, size_t length, unsigned int level, time_t time,
+                       void *userdata);
+    std::mutex mutex;
+    std::vector<LogLine> lines;
+};
+
+#endif

@@ -1,0 +1,47 @@
+#ifndef TESTS_SUPPORT_PROCESS_H
+#define TESTS_SUPPORT_PROCESS_H
+
+#include <string>
+#include <sys/types.h>
+#include <utility>
+#include <vector>
+
+// Runs a program to its end.
+struct Outcome {
+    int status; // exit status, or 128 plus the signal that ended it
+    std::string out;
+    std::string err;
+};
+Outcome run(const std::vector<std::string> &command, const std::string &input = "");
+
+// A program in the background, ended by its own pid at the latest when the object goes.
+class Process
+{
+  public:
+    explicit Process(const std::vector<std::string> &command, const std::string &output_file = "");
+    ~Process();
+    Process(const Process &) = delete;
+    Process &operator=(const Process &) = delete;
+
+    pid_t pid() const { return child; }
+    // Sends the signal and waits; the result is as in Outcome.
+    int stop(int signal);
+
+  private:
+    pid_t child;
+};
+
+// A TCP port of the loopback addresses that was free a moment ago.
+int free_port();
+
+// Waits until somebody accepts connections on the loopback port; false after ten seconds.
+bool wait_for_port(int port);
+
+// Copies a template to `target`, replacing every @NAME@.
+void fill_template(const std::string &source, const std::string &target,
+                   const std::vector<std::pair<std::string, std::string>> &values);
+
+// The number of descriptors that this process has open.
+size_t open_descriptors();
+
+#endif

@@ -1,0 +1,33 @@
+#include "tests/support/scratch.h"
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdlib.h>
+
+Scratch::Scratch()
+{
+    std::string name = (std::filesystem::temp_directory_path() / "zqtest.XXXXXX").string();
+    if (!mkdtemp(name.data()))
+        abort();
+    directory = name;
+}
+
+Scratch::~Scratch()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(directory, ignored);
+}
+
+std::string Scratch::write(const std::string &name, const std::string &content) const
+{
+    std::string path = file(name);
+    std::ofstream(path, std::ios::binary) << content;
+    return path;
+}
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}

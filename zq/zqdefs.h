@@ -1,0 +1,31 @@
+#ifndef ZQ_ZQDEFS_H
+#define ZQ_ZQDEFS_H
+
+/* What every public header starts from. Conventions that hold for all functions (ownership, misuse,
+ * results, logging, threads) are in docs/conventions.md; a header says only what differs. */
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+#define ZQ_BEGIN_DECLS extern "C" {
+#define ZQ_END_DECLS }
+/* Declares an opaque type. C++ needs no typedef, so a parameter may carry the name of its type. */
+#define ZQ_OBJECT(name) struct name
+#else
+#define ZQ_BEGIN_DECLS
+#define ZQ_END_DECLS
+#define ZQ_OBJECT(name) typedef struct name name
+#endif
+
+#if defined(__GNUC__)
+#define ZQ_API __attribute__((__visibility__("default")))
+/* Lets the compiler check printf-like arguments: which argument is the text, and the first
+ * to check, which is 0 for functions taking a va_list. */
+#define ZQ_PRINTF(text, first) __attribute__((__format__(__printf__, text, first)))
+#else
+#define ZQ_API
+#define ZQ_PRINTF(text, first)
+#endif
+
+#endif
