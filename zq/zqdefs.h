@@ -23,9 +23,12 @@
 /* Lets the compiler check printf-like arguments: which argument is the text, and the first
  * to check, which is 0 for functions taking a va_list. */
 #define ZQ_PRINTF(text, first) __attribute__((__format__(__printf__, text, first)))
+/* Lets the compiler check that a variadic call ends with a null pointer. */
+#define ZQ_SENTINEL __attribute__((__sentinel__))
 #else
 #define ZQ_API
 #define ZQ_PRINTF(text, first)
+#define ZQ_SENTINEL
 #endif
 
 #endif
