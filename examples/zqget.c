@@ -1,0 +1,395 @@
+/* zqget downloads a document over HTTP/1.0, shows its progress on a terminal, saves or prints it,
+ * and answers questions about JSON documents. */
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "examples/support/json_path.h"
+#include "zq/zq.h"
+
+/* The exit statuses; a script can tell what went wrong. */
+enum {
+    EXIT_DONE = 0,
+    EXIT_FAILED = 1,
+    EXIT_USAGE = 2,
+    EXIT_URL = 3,
+    EXIT_CONNECT = 4,
+    EXIT_TIMEOUT = 5,
+    EXIT_PROTOCOL = 6,
+    EXIT_STATUS = 7,
+    EXIT_OUTPUT = 8,
+    EXIT_JSON = 9,
+    EXIT_INTERRUPTED = 130
+};
+
+static const char footer[] =
+    "\n"
+    "Exit status: 0 done, 1 other failure, 2 usage, 3 unusable URL, 4 no connection,\n"
+    "5 timeout, 6 protocol error, 7 the server answered with an error status,\n"
+    "8 output failed, 9 not JSON or no such value, 130 interrupted.\n";
+
+struct settings {
+    const char *url;
+    const char *output;
+    const char *proxy;
+    char **path; /* what follows the URL: the path of a JSON value */
+    int path_count;
+    int json;
+    int head;
+    int timeout;
+    int idle;
+    int quiet;
+    int verbose;
+};
+
+struct download {
+    zqhttp *http;
+    FILE *file;
+    zqtimer *timer;
+    int show_progress;
+    int shown;
+    int write_failed;
+};
+
+static volatile sig_atomic_t interrupted;
+
+static void on_interrupt(int signal_number, void *context)
+{
+    (void) signal_number;
+    (void) context;
+    interrupted = 1;
+}
+
+/* ---- the command line ---- */
+
+static int add_options(zqgetopt *options, struct settings *settings)
+{
+    return zq_getopt_set_synopsis(options, "usage: zqget [OPTIONS] URL [PATH...]") ||
+           zq_getopt_set_footer(options, footer) ||
+           zq_getopt_const_string(options, "output", 'o', &settings->output, "FILE",
+                                  "Save to FILE instead of printing. FILE appears only when the "
+                                  "download is complete.") ||
+           zq_getopt_flag_set(options, "json", 'j', &settings->json,
+                              "Print the value at PATH of a JSON document: member names, and # "
+                              "followed by an index for array elements.") ||
+           zq_getopt_flag_set(options, "head", 'I', &settings->head,
+                              "Print status and headers only.") ||
+           zq_getopt_int(options, "timeout", 't', &settings->timeout, "SECONDS",
+                         "Give up when the transfer takes longer.") ||
+           zq_getopt_int(options, "idle", 'i', &settings->idle, "SECONDS",
+                         "Give up when nothing arrives for so long (30).") ||
+           zq_getopt_const_string(options, "proxy", 'p', &settings->proxy, "HOST:PORT",
+                                  "Ask this HTTP proxy.") ||
+           zq_getopt_flag_set(options, "quiet", 'q', &settings->quiet, "No progress bar.") ||
+           zq_getopt_flag_set(options, "verbose", 'v', &settings->verbose,
+                              "Show the library's log lines.") ||
+           zq_getopt_help(options, "help", 'h');
+}
+
+/* Options may stand before and after the URL; after --json URL the rest is the path. Returns -1 to
+ * go on, else an exit status. */
+static int read_arguments(zqgetopt *options, struct settings *settings, int argc, char **argv)
+{
+    while (argc > 1) {
+        int result = zq_getopt_parse(options, argc, argv);
+        if (result != 0)
+            return result > 0 ? EXIT_DONE : EXIT_USAGE;
+        int used = zq_getopt_optind(options);
+        argc -= used;
+        argv += used;
+        if (argc > 0 && settings->url && settings->json) {
+            settings->path = argv;
+            settings->path_count = argc;
+            break;
+        }
+        if (argc > 0 && settings->url) {
+            fprintf(stderr, "zqget: one URL at a time, please\n");
+            return EXIT_USAGE;
+        }
+        if (argc > 0)
+            settings->url = argv[0]; /* which stands where the parser expects the program's name */
+    }
+    if (!settings->url) {
+        zq_getopt_usage(options, stderr);
+        return EXIT_USAGE;
+    }
+    return -1;
+}
+
+/* ---- progress ---- */
+
+static const char *scaled(double bytes, char *text, size_t size)
+{
+    static const char *const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    size_t unit = 0;
+    while (bytes >= 1024 && unit + 1 < sizeof(units) / sizeof(units[0])) {
+        bytes /= 1024;
+        unit++;
+    }
+    zq_snprintf(text, size, unit ? "%.1f %s" : "%.0f %s", bytes, units[unit]);
+    return text;
+}
+
+static zqerror show_progress(int64_t current, int64_t total, void *context)
+{
+    struct download *download = context;
+    if (interrupted) {
+        zq_http_abort(download->http);
+        return ZQ_ERROR_NONE;
+    }
+    if (!download->show_progress)
+        return ZQ_ERROR_NONE;
+
+    char done[32];
+    char speed[32];
+    double rate;
+    zq_timer_split(download->timer);
+    zq_timer_gettotal(download->timer, (uint64_t) current, NULL, NULL, &rate);
+    scaled((double) current, done, sizeof(done));
+    scaled(rate, speed, sizeof(speed));
+    if (total > 0) {
+        char bar[31];
+        size_t filled = (size_t) ((double) current / (double) total * 30);
+        memset(bar, ' ', 30);
+        memset(bar, '=', filled < 30 ? filled : 30);
+        bar[30] = '\0';
+        double left = rate > 0 ? (double) (total - current) / rate : 0;
+        fprintf(stderr, "\r[%s] %3d%%  %s  %s/s  ETA %d:%02d\033[K", bar,
+                (int) ((double) current / (double) total * 100), done, speed, (int) left / 60,
+                (int) left % 60);
+    } else {
+        fprintf(stderr, "\r%s  %s/s\033[K", done, speed);
+    }
+    fflush(stderr);
+    download->shown = 1;
+    return ZQ_ERROR_NONE;
+}
+
+/* ---- the transfer ---- */
+
+/* The bodies of redirects and error pages are not what was asked for. */
+static zqerror save_piece(const void *data, size_t size, void *context)
+{
+    struct download *download = context;
+    if (interrupted)
+        zq_http_abort(download->http);
+    int status = zq_http_get_status_code(download->http);
+    if (status < 200 || status > 299)
+        return ZQ_ERROR_NONE;
+    if (zq_file_write(download->file, data, size) != size) {
+        download->write_failed = 1;
+        return ZQ_ERROR_WRITE;
+    }
+    return ZQ_ERROR_NONE;
+}
+
+static int set_proxy(zqhttp *http, const char *proxy)
+{
+    const char *colon = strrchr(proxy, ':');
+    int64_t port = 0;
+    if (!colon || zq_strtoi64(colon + 1, &port) != ZQ_ERROR_NONE || port < 1 || port > 65535) {
+        fprintf(stderr, "zqget: --proxy takes HOST:PORT, not '%s'\n", proxy);
+        return EXIT_USAGE;
+    }
+    char *host = zq_strndup(proxy, (size_t) (colon - proxy));
+    zqerror error = host ? zq_http_set_proxy(http, host, (uint32_t) port) : ZQ_ERROR_NO_MEMORY;
+    zq_free(host);
+    return error ? EXIT_FAILED : EXIT_DONE;
+}
+
+static int exit_status(zqerror error)
+{
+    switch (error) {
+    case ZQ_ERROR_INVALID_ARGUMENT:
+    case ZQ_ERROR_UNSUPPORTED:
+        return EXIT_URL;
+    case ZQ_ERROR_CANNOT_CONNECT:
+    case ZQ_ERROR_CONNECTION_REFUSED:
+    case ZQ_ERROR_CONNECTION_TIMED_OUT:
+    case ZQ_ERROR_NETWORK_UNREACHABLE:
+        return EXIT_CONNECT;
+    case ZQ_ERROR_TIMED_OUT:
+    case ZQ_ERROR_TIMER_EXPIRED:
+        return EXIT_TIMEOUT;
+    case ZQ_ERROR_PROTOCOL:
+    case ZQ_ERROR_OUT_OF_RANGE:
+    case ZQ_ERROR_MESSAGE_TOO_LONG:
+    case ZQ_ERROR_CONNECTION_RESET:
+        return EXIT_PROTOCOL;
+    default:
+        return EXIT_FAILED;
+    }
+}
+
+static int perform(struct download *download, const struct settings *settings)
+{
+    zqhttp *http = download->http;
+    zqerror error = zq_http_set_url(http, settings->url);
+    if (error == ZQ_ERROR_NONE)
+        error = zq_http_perform(http);
+    if (download->shown)
+        fprintf(stderr, "\r\033[K");
+    if (interrupted) {
+        fprintf(stderr, "zqget: interrupted\n");
+        return EXIT_INTERRUPTED;
+    }
+    if (download->write_failed) {
+        fprintf(stderr, "zqget: the output cannot be written: %s\n", zq_error_string(error));
+        return EXIT_OUTPUT;
+    }
+    if (error != ZQ_ERROR_NONE) {
+        fprintf(stderr, "zqget: %s: %s\n", settings->url, zq_error_string(error));
+        return exit_status(error);
+    }
+    int status = zq_http_get_status_code(http);
+    if (status < 200 || status > 299) {
+        fprintf(stderr, "zqget: %s: the server answered with status %d\n", settings->url, status);
+        return EXIT_STATUS;
+    }
+    return EXIT_DONE;
+}
+
+/* ---- what to do with the document ---- */
+
+static int print_head(struct download *download, const struct settings *settings)
+{
+    static const char *const names[] = {"date",         "server",        "location",
+                                        "content-type", "content-length", "last-modified",
+                                        "etag",         "cache-control"};
+    if (zq_http_set_method(download->http, "HEAD") != ZQ_ERROR_NONE)
+        return EXIT_FAILED;
+    int result = perform(download, settings);
+    if (result != EXIT_DONE && result != EXIT_STATUS)
+        return result;
+    printf("status: %d\n", (int) zq_http_get_status_code(download->http));
+    for (size_t i = 0; i < sizeof(names) / sizeof(names[0]); i++) {
+        const char *value = zq_http_get_response_header(download->http, names[i]);
+        if (value)
+            printf("%s: %s\n", names[i], value);
+    }
+    return result;
+}
+
+static int print_json_value(struct download *download, const struct settings *settings)
+{
+    int result = perform(download, settings);
+    if (result != EXIT_DONE)
+        return result;
+    char *body = NULL;
+    zqjson *json = NULL;
+    result = EXIT_JSON;
+    if (zq_http_get_response_body(download->http, &body) == ZQ_ERROR_NONE)
+        json = zq_json_create();
+    if (json && zq_json_parse(json, body) == 0 &&
+        example_json_print(json, settings->path_count, settings->path) == 0)
+        result = EXIT_DONE;
+    if (result != EXIT_DONE)
+        fprintf(stderr, "zqget: %s: not JSON, or no such value in it\n", settings->url);
+    if (json)
+        zq_json_destroy(json);
+    zq_free(body);
+    return result;
+}
+
+static int save_to_stream(struct download *download, const struct settings *settings, FILE *file)
+{
+    download->file = file;
+    zq_http_set_response_body_callback(download->http, save_piece, download);
+    return perform(download, settings);
+}
+
+/* Downloads beside the final name and moves the file there only when it is complete. */
+static int save_to_file(struct download *download, const struct settings *settings)
+{
+    char *part = zq_strdupf("%s.part.%ld", settings->output, (long) getpid());
+    FILE *file = part ? zq_file_create_binary(part) : NULL;
+    if (!file) {
+        fprintf(stderr, "zqget: unable to create '%s': %s\n", settings->output, strerror(errno));
+        zq_free(part);
+        return EXIT_OUTPUT;
+    }
+    int result = save_to_stream(download, settings, file);
+    int closed = zq_file_close(file);
+    if (result == EXIT_DONE && (closed != 0 || zq_rename(part, settings->output) != 0)) {
+        fprintf(stderr, "zqget: unable to save '%s': %s\n", settings->output, strerror(errno));
+        result = EXIT_OUTPUT;
+    }
+    if (result != EXIT_DONE)
+        zq_deletefile(part);
+    zq_free(part);
+    return result;
+}
+
+static int save_to_stdout(struct download *download, const struct settings *settings)
+{
+    int result = save_to_stream(download, settings, stdout);
+    if (fflush(stdout) != 0 && result == EXIT_DONE) {
+        fprintf(stderr, "zqget: the output cannot be written: %s\n", strerror(errno));
+        result = EXIT_OUTPUT;
+    }
+    return result;
+}
+
+static int get(const struct settings *settings)
+{
+    struct download download = {0};
+    download.http = zq_http_lite_create();
+    download.timer = zq_timer_create();
+    int result = EXIT_FAILED;
+    if (!download.http || !download.timer)
+        fprintf(stderr, "zqget: %s\n", zq_error_string(ZQ_ERROR_NO_MEMORY));
+    else
+        result = settings->proxy ? set_proxy(download.http, settings->proxy) : EXIT_DONE;
+
+    if (result == EXIT_DONE) {
+        int to_terminal = !settings->output && !settings->json && isatty(STDOUT_FILENO);
+        download.show_progress = !settings->quiet && !to_terminal && isatty(STDERR_FILENO);
+        zq_http_set_timeout(download.http, settings->timeout, 0);
+        zq_http_set_idle_timeout(download.http, settings->idle, 0);
+        zq_http_set_download_progress_callback(download.http, show_progress, &download);
+        if (settings->head)
+            result = print_head(&download, settings);
+        else if (settings->json)
+            result = print_json_value(&download, settings);
+        else if (settings->output)
+            result = save_to_file(&download, settings);
+        else
+            result = save_to_stdout(&download, settings);
+    }
+    if (download.timer)
+        zq_timer_destroy(download.timer);
+    if (download.http)
+        zq_http_destroy(download.http);
+    return result;
+}
+
+int main(int argc, char **argv)
+{
+    struct settings settings = {0};
+    settings.timeout = -1;
+    settings.idle = 30;
+
+    zq_signal_ignore_sigpipe();
+    zq_signal_register_sigint(on_interrupt, NULL);
+    zq_signal_register_sigterm(on_interrupt, NULL);
+
+    int result = EXIT_FAILED;
+    zqgetopt *options = zq_getopt_create();
+    if (options && add_options(options, &settings) == 0)
+        result = read_arguments(options, &settings, argc, argv);
+    if (options)
+        zq_getopt_destroy(options);
+    if (result < 0) {
+        /* Failures are told in one line of our own. */
+        if (settings.verbose)
+            zq_log_stderr_set_level(NULL, 10);
+        else
+            zq_log_stderr_disable(NULL);
+        result = get(&settings);
+    }
+    zq_uninit();
+    return result;
+}
