@@ -9,9 +9,10 @@ std::ostream &operator<<(std::ostream &out, const LogLine &line)
 
 LogCapture::LogCapture(int level)
 {
-    // Under fault injection the default log itself may fail to be made, once.
-    if (zq_log_init() != 0 && zq_log_init() != 0)
-        zq_log_init();
+    // Under fault injection the default log itself may fail to be made, once for each allocation
+    // on each call path: trying again must be the same path.
+    while (zq_log_init() != 0) {
+    }
     zq_log_callback_set(nullptr, receive, this);
     zq_log_callback_set_level(nullptr, level);
     zq_log_callback_enable(nullptr);
