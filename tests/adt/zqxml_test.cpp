@@ -1,0 +1,228 @@
+#include "zq/adt/zqxml.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/expect.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/small_stack.h"
+
+using Xml = Owned<zqxml, zq_xml_destroy>;
+
+static std::string output(zqxml *xml)
+{
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *out = open_memstream(&text, &size);
+    EXPECT_EQ(zq_xml_output(xml, out), 0);
+    fclose(out);
+    std::string result(text, size);
+    free(text);
+    return result;
+}
+
+TEST(zqxml, reads_and_writes_trees)
+{
+    const struct {
+        const char *text;
+        const char *output;
+    } rows[] = {
+        {"", ""},
+        {"<?xml version=\"1.0\"?><a>1</a>", "<?xml version=\"1.0\"?>\n<a>\n  1\n</a>\n"},
+        {"<a b=\"1\" c='2'>v</a>", "<a b=\"1\" c='2'>\n  v\n</a>\n"},
+        {"<x><y><z>1</z></y><y>2</y></x>",
+         "<x>\n  <y>\n    <z>\n      1\n    </z>\n  </y>\n  <y>\n    2\n  </y>\n</x>\n"},
+        // What is odd about it.
+        {"<abc></abc>", "<abca>\n"},
+        {"<abc/>", "<abc/a>\n"},
+        {"<abc d=\"e\"/>", "<abc d=\"e\"/a>\n"},
+        {"<a/>\n", "<a/a>\n<?>\n"},
+        {" \r\n", "<?>\n"},
+        {"<></>", "<?>\n"},
+        {"<a ></a>", "<aa>\n"},
+        {"<a\tb></a\tb>", "<a\tba>\n"},
+        {"<?a?>", "<?a?>\n"},
+        {"<a></a?>", "<aa>\n"},
+        {"<a>\t</a>", "<a>\n  \t\n</a>\n"},
+        {"<a> \r\n v \n</a>", "<a>\n  v \n\n</a>\n"},
+        {"<a>&lt;</a>", "<a>\n  &lt;\n</a>\n"},
+        {"<a>v<b/></a>", "<a>\n  v\n  <b/b>\n</a>\n"},
+        {"<a>v<b>w</b> \r\n<b/></a>", "<a>\n  v\n  <b>\n    w\n  </b>\n  <b/b>\n</a>\n"},
+        {"v<a></a>", "<a>\n  v\n</a>\n"},
+        {"<a/>v<b/>", "<a/a>\n<b/>\n  v\n</b/>\n"},
+        {"<a/>v", "<a/a>\n<?>\n"},
+        {"</a>", ""},
+        {" </a>", ""},
+        {"<a>1</a></b>anything >", "<a>\n  1\n</a>\n"},
+    };
+    Xml xml(zq_xml_create());
+    ASSERT_TRUE(xml);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.text);
+        if (zq_xml_parse(xml.get(), row.text) == 0) {
+            EXPECT_EQ(output(xml.get()), row.output);
+        } else {
+            EXPECT_TRUE(faults_injected());
+        }
+    }
+}
+
+TEST(zqxml, refuses_with_a_reason_and_is_empty_then)
+{
+    const struct {
+        const char *text;
+        const char *line; // null: refused silently
+    } rows[] = {
+        {"<a<", "unexpected '<', tagstate 1"},
+        {"<a <", "unexpected '<', tagstate 2"},
+        {"<a></a<", "unexpected '<', tagstate 4"},
+        {"<", "xml too short to finish this tag"},
+        {"<a><", "xml too short to finish this tag"},
+        {"<a>v<", "xml too short to finish this tag"},
+        {">", "unexpected '>', tagstate 0"},
+        {"v>", "unexpected '>', tagstate 0"},
+        {"<a>>", "unexpected '>', tagstate 3"},
+        {"<a>v>", "unexpected '>', tagstate 3"},
+        {"<a><b/>>", "unexpected '>', tagstate 0"},
+        {"<a></>", "end tag len 0 != start tag len 1"},
+        {"<a></ab>", "end tag len 2 != start tag len 1"},
+        {"<a></ a>", "end tag len 2 != start tag len 1"},
+        {"<a></A>", "end tag does not match with start tag"},
+        {"<x><y>1</z></x>", "end tag does not match with start tag"},
+        {"<a", "XML ended unexpectedly, tagstate 1"},
+        {"<a ", "XML ended unexpectedly, tagstate 2"},
+        {"<a>", "XML ended unexpectedly, tagstate 3"},
+        {"<a>v", "XML ended unexpectedly, tagstate 3"},
+        {"<a><b/>", "XML ended unexpectedly, tagstate 3"},
+        {"<a><b/> ", "XML ended unexpectedly, tagstate 3"},
+        {"<a><b", "XML ended unexpectedly, tagstate 1"},
+        {"<a></", "XML ended unexpectedly, tagstate 4"},
+        {"<x><y>1</y>text</x>", nullptr},
+        {"<x><y>1</y>text<z/></x>", nullptr},
+        {"<x><y>1</y>\t</x>", nullptr},
+        {"<x>v<y/>text</x>", nullptr},
+        {"v<a>w</a>", nullptr},
+        {"v</a>", nullptr},
+        {"<a/>v</b>", nullptr},
+    };
+    LogCapture log;
+    Xml xml(zq_xml_create());
+    ASSERT_TRUE(xml);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.text);
+        zq_xml_parse(xml.get(), "<old/>");
+        log.take();
+        EXPECT_EQ(zq_xml_parse(xml.get(), row.text), -1);
+        std::vector<LogLine> expected;
+        if (row.line)
+            expected.push_back({6, row.line});
+        if (!faults_injected()) {
+            EXPECT_EQ(log.take(), expected);
+        }
+        EXPECT_EQ(output(xml.get()), "");
+    }
+}
+
+TEST(zqxml, finds_values_by_path)
+{
+    Xml xml(zq_xml_create());
+    ASSERT_TRUE(xml);
+    ASSERT_TRUE(zq_xml_parse(xml.get(), "<?xml version=\"1.0\"?><a>1</a>"
+                                        "<x><y>2</y><Y>3</Y><y><z#>4 </z#><w></w></y></x>") == 0 ||
+                faults_injected());
+    auto value = [&](auto... path) {
+        const char *start = "unset";
+        size_t len = 99;
+        int result = zq_xml_query_value_const(xml.get(), &start, &len, path..., nullptr);
+        ZqString copy(zq_xml_query_value(xml.get(), path..., nullptr));
+        if (result != 0) {
+            EXPECT_TRUE(!copy && !start && len == 0);
+            return std::string("absent");
+        }
+        EXPECT_EQ(start == nullptr, len == 0);
+        std::string found(start ? start : "", len);
+        EXPECT_TRUE(faults_injected() || (copy && copy.get() == found));
+        return found;
+    };
+    LogCapture log;
+    if (value("a") == "absent")
+        return; // not parsed for lack of memory
+    EXPECT_EQ(value("a"), "1");
+    EXPECT_EQ(value("x"), "");
+    EXPECT_EQ(value("x", "y"), "2");
+    EXPECT_EQ(value("x", "Y"), "3");
+    EXPECT_EQ(value("x", "y#", 0u), "2");
+    EXPECT_EQ(value("x#", 0u, "y#", 1u, "z##", 0u), "4 ");
+    EXPECT_EQ(value("x", "y#", 1u, "w"), "");
+    EXPECT_EQ(value("x", "y#", 2u), "absent");
+    EXPECT_EQ(value("x", "y", "z##", 0u), "absent");
+    EXPECT_EQ(value("y"), "absent");
+    EXPECT_EQ(value("a", "a"), "absent");
+    EXPECT_EQ(value(""), "absent");
+    EXPECT_EQ(value(), "") << "the first node, a declaration here";
+    EXPECT_TRUE(faults_injected() || log.take().empty());
+}
+
+static std::string repeated(const std::string &text, size_t count)
+{
+    std::string result;
+    for (size_t i = 0; i < count; i++)
+        result += text;
+    return result;
+}
+
+TEST(zqxml, depth_and_length_cost_no_stack)
+{
+    const size_t count = faults_injected() ? 20 : 1000000;
+    const size_t depth = faults_injected() ? 20 : 5000; // the indentation grows with its square
+    const std::string nested = repeated("<a>", count) + repeated("</a>", count);
+    const std::string siblings = "<x>" + repeated("<a/>", count) + "<b>last</b></x>";
+    const std::string top_level = repeated("<a/>", count) + "<b>last</b>";
+    LogCapture log;
+    on_small_stack([&] {
+        Xml xml(zq_xml_create());
+        ASSERT_TRUE(xml);
+        for (const std::string &text : {nested, siblings, top_level}) {
+            EXPECT_TRUE(zq_xml_parse(xml.get(), text.c_str()) == 0 || faults_injected());
+            EXPECT_EQ(zq_xml_parse(xml.get(), text.substr(0, text.size() - 1).c_str()), -1);
+            EXPECT_EQ(zq_xml_parse(xml.get(), (text + "<").c_str()), -1);
+        }
+
+        if (zq_xml_parse(xml.get(), siblings.c_str()) != 0)
+            return;
+        ZqString last(zq_xml_query_value(xml.get(), "x", "a/#", unsigned(count), nullptr));
+        EXPECT_EQ(last, nullptr);
+        last.reset(zq_xml_query_value(xml.get(), "x", "b", nullptr));
+        EXPECT_TRUE(faults_injected() || std::string(last.get()) == "last");
+        EXPECT_EQ(output(xml.get()).size(), 8 * count + 31);
+
+        std::string deep = repeated("<a>", depth) + repeated("</a>", depth);
+        if (zq_xml_parse(xml.get(), deep.c_str()) != 0)
+            return;
+        // 2 * 2 * (0 + 1 + ... + depth - 1) of indentation; the innermost has no end tag line.
+        size_t lines = depth * 4 + (depth - 1) * 5 + 1;
+        EXPECT_EQ(output(xml.get()).size(), 2 * depth * (depth - 1) + lines - 2 * (depth - 1));
+    });
+}
+
+TEST(zqxml, misuse)
+{
+    LogCapture log;
+    Xml xml(zq_xml_create());
+    ASSERT_TRUE(xml);
+    const char *value;
+    size_t len;
+    const char *source = "adt/zqxml";
+    EXPECT_MISUSE(zq_xml_destroy(NULL), source, "zq_xml_destroy", "zqxml != NULL");
+    EXPECT_MISUSE(zq_xml_parse(NULL, ""), source, "zq_xml_parse", "zqxml != NULL");
+    EXPECT_MISUSE(zq_xml_output(NULL, stdout), source, "zq_xml_output", "zqxml != NULL");
+    EXPECT_MISUSE(zq_xml_output(xml.get(), NULL), source, "zq_xml_output", "out != NULL");
+    EXPECT_MISUSE(zq_xml_query_value(NULL, NULL), source, "zq_xml_query_value", "zqxml != NULL");
+    EXPECT_MISUSE(zq_xml_query_value_const(NULL, &value, &len, NULL), source,
+                  "zq_xml_query_value_const", "zqxml != NULL");
+    EXPECT_MISUSE(zq_xml_query_value_const(xml.get(), NULL, &len, NULL), source,
+                  "zq_xml_query_value_const", "valueptr != NULL");
+    EXPECT_MISUSE(zq_xml_query_value_const(xml.get(), &value, NULL, NULL), source,
+                  "zq_xml_query_value_const", "valuelenptr != NULL");
+    EXPECT_MISUSE(zq_xml_query_value(xml.get(), NULL), source, "zq_xml_query_path",
+                  "zqxmlnode != NULL");
+}
