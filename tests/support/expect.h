@@ -1,6 +1,7 @@
 #ifndef TESTS_SUPPORT_EXPECT_H
 #define TESTS_SUPPORT_EXPECT_H
 
+#include <cstdio>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <memory>
@@ -23,6 +24,16 @@ inline bool faults_injected()
     return getenv("ZQMALLOC_FAILMODE") != nullptr;
 }
 
+// While faults are injected failed expectations count for nothing, so what a failing call promises
+// (its log line, its out-values) is checked with this, which ends the program.
+#define CHECK_PROMISE(condition)                                                                   \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
+            fprintf(stderr, "%s:%d: broken promise: %s\n", __FILE__, __LINE__, #condition);        \
+            abort();                                                                               \
+        }                                                                                          \
+    } while (0)
+
 struct ZqFree {
     void operator()(void *block) const { zq_free(block); }
 };
@@ -32,7 +43,10 @@ using ZqString = std::unique_ptr<char, ZqFree>;
 template <auto destroy>
 struct Destroyer {
     template <class T>
-    void operator()(T *object) const { destroy(object); }
+    void operator()(T *object) const
+    {
+        destroy(object);
+    }
 };
 template <class T, auto destroy>
 using Owned = std::unique_ptr<T, Destroyer<destroy>>;

@@ -17,6 +17,10 @@ LogCapture::LogCapture(int level)
     zq_log_callback_set_level(nullptr, level);
     zq_log_callback_enable(nullptr);
     zq_log_stderr_disable(nullptr);
+    // The buffer for messages grows now, so that no line is lost when it cannot grow later.
+    while (zq_log(nullptr, 0, "%500s", "") != 0) {
+    }
+    lines.clear();
 }
 
 LogCapture::~LogCapture()
