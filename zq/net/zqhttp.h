@@ -41,7 +41,8 @@ typedef zqerror (*zq_http_progress_callback)(int64_t current, int64_t total, voi
 /* zq_http_parse_url splits an absolute URL, as in "http://user@host:81/path?query#fragment", into
  * "http", "host", 81 and "/path?query#fragment".
  *
- * Every output may be null. The caller frees each text with zq_free(); on failure all are null.
+ * Every output may be null. The caller frees each text with zq_free(). On failure all texts are
+ * null and the port is 0, or that of the URL when only the query could not be copied.
  * Scheme and host are copied as they are, user information is skipped. Only '/' ends the host, and
  * IPv6 literals are not supported. Without a port in the URL it is that of the scheme (ftp 21,
  * http 80, https 443, icap 1344, in lower case), or 0. The query is "/" when the URL has none.
@@ -152,8 +153,8 @@ ZQ_API void zq_http_set_progress_callbacks(zqhttp *zqhttp, zq_http_progress_call
  * and whatever the callbacks and the transport return. */
 ZQ_API zqerror zq_http_perform(zqhttp *zqhttp);
 
-/* zq_http_abort ends the running transfer at its next step; it is meant for callbacks. It has no
- * effect on later transfers. */
+/* zq_http_abort ends the running transfer at its next step; it is meant for callbacks. The end of
+ * a transfer clears it. */
 ZQ_API void zq_http_abort(zqhttp *zqhttp);
 
 /* zq_http_is_aborted returns 1 once the running transfer was aborted, else 0. */
@@ -255,8 +256,8 @@ ZQ_API zqerror zq_http_write_response_body(zqhttp *zqhttp, const void *data, siz
 
 /* ---- for transports: time and progress ---- */
 
-/* zq_http_timeout_check reports how long the next wait may last, -1 seconds for no limit; both
- * outputs may be null. A wait also ends when a progress report is due.
+/* zq_http_timeout_check reports how long the next wait may last, -1 seconds for no limit, 0 on
+ * failure; both outputs may be null. A wait also ends when a progress report is due.
  *   ZQ_ERROR_TIMER_EXPIRED  the full-transfer timeout has passed
  *   ZQ_ERROR_TIMED_OUT      the idle timeout has passed */
 ZQ_API zqerror zq_http_timeout_check(zqhttp *zqhttp, int32_t *secondsptr,
