@@ -1,0 +1,13 @@
+#include "tests/support/interpose.h"
+
+#include <pthread.h>
+
+Fault pthread_create_fault;
+
+extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
+                              void *(*routine)(void *), void *argument) noexcept
+{
+    static auto *const next = next_symbol<decltype(pthread_create)>("pthread_create");
+    int error = pthread_create_fault.strike();
+    return error ? error : next(thread, attributes, routine, argument);
+}
