@@ -69,7 +69,7 @@ ZQ_API void zq_handle_set_context(zqhandle *zqhandle, void *context);
 ZQ_API void *zq_handle_get_context(zqhandle *zqhandle);
 
 /* zq_handle_set_error stores the outcome of an operation, which must be below ZQ_ERROR_COUNT. */
-ZQ_API void zq_handle_set_error(zqhandle *zqhandle, zqerror zqerror);
+ZQ_API void zq_handle_set_error(zqhandle *zqhandle, zqerror code);
 
 /* zq_handle_set_destroy_callback sets what releases the context; null for nothing. */
 ZQ_API void zq_handle_set_destroy_callback(zqhandle *zqhandle, zq_handle_destroy_callback callback);

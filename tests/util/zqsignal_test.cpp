@@ -1,0 +1,106 @@
+#include "zq/util/zqsignal.h"
+
+#include <cerrno>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/support/interpose.h"
+
+static Fault signal_fault;
+
+extern "C" sighandler_t signal(int number, sighandler_t handler) noexcept
+{
+    static auto *const next = next_symbol<decltype(signal)>("signal");
+    int error = signal_fault.strike();
+    if (error == 0)
+        return next(number, handler);
+    errno = error;
+    return SIG_ERR;
+}
+
+namespace {
+struct Record {
+    int calls = 0;
+    int number = 0;
+};
+struct Hook {
+    int (*do_register)(zq_signal_callback, void *);
+    int number;
+};
+} // namespace
+
+static const Hook hooks[] = {{zq_signal_register_sigint, SIGINT},
+                             {zq_signal_register_sigterm, SIGTERM}};
+
+static void record(zqsignal number, void *context)
+{
+    auto *seen = static_cast<Record *>(context);
+    seen->calls++;
+    seen->number = number;
+    errno = ENOENT;
+}
+
+TEST(zqsignal, a_callback_gets_its_signal_and_context)
+{
+    Record seen[2];
+    for (int i = 0; i < 2; i++)
+        ASSERT_EQ(hooks[i].do_register(record, &seen[i]), 0);
+    for (int i = 0; i < 2; i++) {
+        errno = EDOM;
+        raise(hooks[i].number);
+        raise(hooks[i].number);
+        EXPECT_EQ(errno, EDOM) << "the handler must not change what it interrupted";
+        EXPECT_EQ(seen[i].calls, 2) << "the hook outlives its first signal";
+        EXPECT_EQ(seen[i].number, hooks[i].number);
+    }
+    for (const Hook &hook : hooks) {
+        // Another context, more than once: each registration replaces the one before.
+        Record others[3];
+        for (Record &other : others) {
+            ASSERT_EQ(hook.do_register(record, &other), 0);
+            raise(hook.number);
+            EXPECT_EQ(other.calls, 1);
+        }
+        EXPECT_EQ(others[0].calls + others[1].calls, 2);
+        EXPECT_EQ(hook.do_register(nullptr, nullptr), 0);
+    }
+}
+
+TEST(zqsignal, null_restores_the_default)
+{
+    for (const Hook &hook : hooks) {
+        Record seen;
+        ASSERT_EQ(hook.do_register(record, &seen), 0);
+        ASSERT_EQ(hook.do_register(nullptr, nullptr), 0);
+        EXPECT_EXIT(raise(hook.number), testing::KilledBySignal(hook.number), "");
+    }
+}
+
+TEST(zqsignal, a_refused_registration_leaves_no_hook)
+{
+    for (const Hook &hook : hooks) {
+        Record before, after;
+        ASSERT_EQ(hook.do_register(record, &before), 0);
+        signal_fault.arm(EINVAL);
+        EXPECT_EQ(hook.do_register(record, &after), -1);
+        raise(hook.number);
+        EXPECT_EQ(before.calls + after.calls, 0);
+        EXPECT_EQ(hook.do_register(nullptr, nullptr), 0);
+    }
+}
+
+TEST(zqsignal, ignore_sigpipe)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    signal_fault.arm(EINVAL);
+    EXPECT_EQ(zq_signal_ignore_sigpipe(), -1);
+    EXPECT_EXIT((void)!write(ends[1], "x", 1), testing::KilledBySignal(SIGPIPE), "");
+    EXPECT_EQ(zq_signal_ignore_sigpipe(), 0);
+    EXPECT_EQ(write(ends[1], "x", 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    close(ends[1]);
+    signal(SIGPIPE, SIG_DFL);
+}
