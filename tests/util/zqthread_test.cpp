@@ -1,0 +1,310 @@
+// Threads and the locks that they share.
+#include "zq/util/zqthread.h"
+
+#include <cerrno>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include "tests/support/expect.h"
+#include "tests/support/interpose.h"
+#include "tests/support/log_capture.h"
+#include "zq/internal/zqlocks.h"
+
+using Thread = Owned<zqthread, zq_thread_destroy>;
+using Mutex = Owned<zqmutex, zq_mutex_destroy>;
+using Cond = Owned<zqcond, zq_cond_destroy>;
+using RwLock = Owned<zqrwlock, zq_rwlock_destroy>;
+
+// ---- calls that fail on demand ----
+
+static Fault join_fault, mutex_fault, cond_fault, rwlock_fault;
+
+extern "C" int pthread_join(pthread_t thread, void **result)
+{
+    static auto *const next = next_symbol<decltype(pthread_join)>("pthread_join");
+    int error = join_fault.strike();
+    return error ? error : next(thread, result);
+}
+
+extern "C" int pthread_mutex_init(pthread_mutex_t *mutex,
+                                  const pthread_mutexattr_t *attributes) noexcept
+{
+    static auto *const next = next_symbol<decltype(pthread_mutex_init)>("pthread_mutex_init");
+    int error = mutex_fault.strike();
+    return error ? error : next(mutex, attributes);
+}
+
+extern "C" int pthread_cond_init(pthread_cond_t *cond,
+                                 const pthread_condattr_t *attributes) noexcept
+{
+    static auto *const next = next_symbol<decltype(pthread_cond_init)>("pthread_cond_init");
+    int error = cond_fault.strike();
+    return error ? error : next(cond, attributes);
+}
+
+extern "C" int pthread_rwlock_init(pthread_rwlock_t *rwlock,
+                                   const pthread_rwlockattr_t *attributes) noexcept
+{
+    static auto *const next = next_symbol<decltype(pthread_rwlock_init)>("pthread_rwlock_init");
+    int error = rwlock_fault.strike();
+    return error ? error : next(rwlock, attributes);
+}
+
+// ---- threads ----
+
+static void *add_one(void *context)
+{
+    return static_cast<char *>(context) + 1;
+}
+
+TEST(zqthread, hands_the_result_to_the_joiner)
+{
+    char place[2];
+    Thread thread(zq_thread_create());
+    ASSERT_TRUE(thread);
+    ASSERT_EQ(zq_thread_start(thread.get(), add_one, place), 0);
+    void *result = nullptr;
+    EXPECT_EQ(zq_thread_join(thread.get(), &result), 0);
+    EXPECT_EQ(result, place + 1);
+
+    Thread other(zq_thread_create());
+    ASSERT_TRUE(other);
+    ASSERT_EQ(zq_thread_start(other.get(), add_one, place), 0);
+    EXPECT_EQ(zq_thread_join(other.get(), nullptr), 0);
+}
+
+TEST(zqthread, failures_leave_the_state_as_it_was)
+{
+    LogCapture log;
+    char place[2];
+    Thread thread(zq_thread_create());
+    ASSERT_TRUE(thread);
+    pthread_create_fault.arm(EAGAIN);
+    EXPECT_EQ(zq_thread_start(thread.get(), add_one, place), EAGAIN);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{7, "pthread_create() returned error 11"}}));
+    ASSERT_EQ(zq_thread_start(thread.get(), add_one, place), 0);
+
+    join_fault.arm(ESRCH);
+    void *result = nullptr;
+    EXPECT_EQ(zq_thread_join(thread.get(), &result), ESRCH);
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{7, "pthread_join() returned error 3"}}));
+    EXPECT_EQ(zq_thread_join(thread.get(), &result), 0);
+    EXPECT_EQ(result, place + 1);
+}
+
+namespace {
+// A thread that waits for the cond's word and leaves its identifier behind.
+struct Waiter {
+    zqcond *cond;
+    bool released = false;
+    bool started = false;
+    pthread_t identifier{};
+};
+} // namespace
+
+static void *wait_for_release(void *context)
+{
+    auto *waiter = static_cast<Waiter *>(context);
+    cond_lock lock(waiter->cond);
+    waiter->identifier = pthread_self();
+    waiter->started = true;
+    zq_cond_broadcast(waiter->cond);
+    while (!waiter->released)
+        zq_cond_wait(waiter->cond);
+    return context;
+}
+
+TEST(zqthread, destroy_leaves_the_running_thread_alone)
+{
+    Cond cond(zq_cond_create());
+    Thread thread(zq_thread_create());
+    ASSERT_TRUE(cond && thread);
+    Waiter waiter{cond.get()};
+    ASSERT_EQ(zq_thread_start(thread.get(), wait_for_release, &waiter), 0);
+    thread.reset();
+    {
+        cond_lock lock(cond.get());
+        while (!waiter.started)
+            zq_cond_wait(cond.get());
+        waiter.released = true;
+        zq_cond_signal(cond.get());
+    }
+    void *result = nullptr;
+    ASSERT_EQ(pthread_join(waiter.identifier, &result), 0);
+    EXPECT_EQ(result, &waiter);
+}
+
+// ---- locks ----
+
+namespace {
+// What several threads do at once, each `ROUNDS` times, to `value`, which the lock guards.
+struct Shared {
+    static constexpr int THREADS = 4;
+    static constexpr int ROUNDS = 2000;
+    zqmutex *mutex = nullptr;
+    zqcond *cond = nullptr;
+    zqrwlock *rwlock = nullptr;
+    int value = 0;
+    int readers = 0; // guarded by the cond
+};
+} // namespace
+
+static void run_together(void *(*routine)(void *), Shared *shared)
+{
+    Thread threads[Shared::THREADS];
+    int started = 0;
+    for (Thread &thread : threads) {
+        thread.reset(zq_thread_create());
+        if (thread && zq_thread_start(thread.get(), routine, shared) == 0)
+            started++;
+        else
+            thread.reset();
+    }
+    for (Thread &thread : threads) {
+        if (thread) {
+            EXPECT_EQ(zq_thread_join(thread.get(), nullptr), 0);
+        }
+    }
+    EXPECT_EQ(started, Shared::THREADS);
+}
+
+static void *count_under_mutex(void *context)
+{
+    auto *shared = static_cast<Shared *>(context);
+    for (int i = 0; i < Shared::ROUNDS; i++) {
+        mutex_lock lock(shared->mutex);
+        shared->value++;
+    }
+    return nullptr;
+}
+
+TEST(zqmutex, excludes)
+{
+    Mutex mutex(zq_mutex_create());
+    ASSERT_TRUE(mutex);
+    Shared shared{.mutex = mutex.get()};
+    run_together(count_under_mutex, &shared);
+    EXPECT_EQ(shared.value, Shared::THREADS * Shared::ROUNDS);
+}
+
+static void *count_under_write_lock(void *context)
+{
+    auto *shared = static_cast<Shared *>(context);
+    for (int i = 0; i < Shared::ROUNDS; i++) {
+        write_lock lock(shared->rwlock);
+        shared->value++;
+    }
+    return nullptr;
+}
+
+// Returns only when all readers hold the lock at the same time.
+static void *read_together(void *context)
+{
+    auto *shared = static_cast<Shared *>(context);
+    read_lock reading(shared->rwlock);
+    cond_lock lock(shared->cond);
+    if (++shared->readers == Shared::THREADS)
+        zq_cond_broadcast(shared->cond);
+    while (shared->readers < Shared::THREADS)
+        zq_cond_wait(shared->cond);
+    return nullptr;
+}
+
+TEST(zqrwlock, writers_exclude_and_readers_share)
+{
+    RwLock rwlock(zq_rwlock_create());
+    Cond cond(zq_cond_create());
+    ASSERT_TRUE(rwlock && cond);
+    Shared shared{.cond = cond.get(), .rwlock = rwlock.get()};
+    run_together(count_under_write_lock, &shared);
+    if (faults_injected())
+        return; // a reader that cannot be started would leave the others waiting
+    EXPECT_EQ(shared.value, Shared::THREADS * Shared::ROUNDS);
+    run_together(read_together, &shared);
+}
+
+TEST(zqlocks, creators_clean_up_silently)
+{
+    LogCapture log;
+    mutex_fault.arm(ENOMEM);
+    EXPECT_EQ(zq_mutex_create(), nullptr);
+    mutex_fault.arm(ENOMEM);
+    EXPECT_EQ(zq_cond_create(), nullptr);
+    cond_fault.arm(ENOMEM);
+    EXPECT_EQ(zq_cond_create(), nullptr);
+    rwlock_fault.arm(ENOMEM);
+    EXPECT_EQ(zq_rwlock_create(), nullptr);
+    EXPECT_TRUE(log.take().empty());
+    for (Fault *fault : {&mutex_fault, &cond_fault, &rwlock_fault})
+        fault->arm(0, 0);
+}
+
+// ---- misuse ----
+
+TEST(zqthread, misuse)
+{
+    const char *source = "util/zqthread";
+    char place[2];
+    Thread thread(zq_thread_create());
+    ASSERT_TRUE(thread);
+    EXPECT_MISUSE(zq_thread_join(thread.get(), nullptr), source, "zq_thread_join",
+                  "zqthread->state == ZQ_THREAD_STATE_RUNNING");
+    ASSERT_EQ(zq_thread_start(thread.get(), add_one, place), 0);
+    ASSERT_EQ(zq_thread_join(thread.get(), nullptr), 0);
+    EXPECT_MISUSE(zq_thread_start(thread.get(), add_one, place), source, "zq_thread_start",
+                  "zqthread->state == ZQ_THREAD_STATE_NONE");
+    EXPECT_MISUSE(zq_thread_join(thread.get(), nullptr), source, "zq_thread_join",
+                  "zqthread->state == ZQ_THREAD_STATE_RUNNING");
+    const char *null = "zqthread != NULL";
+    EXPECT_MISUSE(zq_thread_destroy(nullptr), source, "zq_thread_destroy", null);
+    EXPECT_MISUSE(zq_thread_start(nullptr, add_one, place), source, "zq_thread_start", null);
+    EXPECT_MISUSE(zq_thread_join(nullptr, nullptr), source, "zq_thread_join", null);
+}
+
+TEST(zqlocks, misuse)
+{
+    EXPECT_MISUSE(zq_mutex_destroy(nullptr), "util/zqmutex", "zq_mutex_destroy", "zqmutex != NULL");
+    EXPECT_MISUSE(zq_mutex_lock(nullptr), "util/zqmutex", "zq_mutex_lock", "zqmutex != NULL");
+    EXPECT_MISUSE(zq_mutex_unlock(nullptr), "util/zqmutex", "zq_mutex_unlock", "zqmutex != NULL");
+    const std::pair<void (*)(zqcond *), const char *> cond_calls[] = {
+        {zq_cond_destroy, "zq_cond_destroy"}, {zq_cond_lock, "zq_cond_lock"},
+        {zq_cond_unlock, "zq_cond_unlock"},   {zq_cond_wait, "zq_cond_wait"},
+        {zq_cond_signal, "zq_cond_signal"},   {zq_cond_broadcast, "zq_cond_broadcast"}};
+    for (const auto &[call, name] : cond_calls)
+        EXPECT_MISUSE(call(nullptr), "util/zqcond", name, "zqcond != NULL");
+    const std::pair<void (*)(zqrwlock *), const char *> rwlock_calls[] = {
+        {zq_rwlock_destroy, "zq_rwlock_destroy"},
+        {zq_rwlock_rdlock, "zq_rwlock_rdlock"},
+        {zq_rwlock_wrlock, "zq_rwlock_wrlock"},
+        {zq_rwlock_unlock, "zq_rwlock_unlock"}};
+    for (const auto &[call, name] : rwlock_calls)
+        EXPECT_MISUSE(call(nullptr), "util/zqrwlock", name, "zqrwlock != NULL");
+}
+
+// ThreadSanitizer reports these itself, before the library can.
+#ifndef __SANITIZE_THREAD__
+TEST(zqlocks, what_the_platform_refuses_is_misuse)
+{
+    Mutex mutex(zq_mutex_create());
+    Cond cond(zq_cond_create());
+    RwLock rwlock(zq_rwlock_create());
+    ASSERT_TRUE(mutex && cond && rwlock);
+    const char *refused = "err == 0";
+    {
+        mutex_lock lock(mutex.get());
+        EXPECT_MISUSE(zq_mutex_destroy(mutex.get()), "util/zqmutex", "zq_mutex_destroy", refused);
+    }
+    {
+        cond_lock lock(cond.get());
+        EXPECT_MISUSE(zq_cond_destroy(cond.get()), "util/zqcond", "zq_cond_destroy", refused);
+    }
+    // The lock knows its writer by a number that a forked child does not share.
+    auto write_then = [&rwlock](void (*call)(zqrwlock *)) {
+        write_lock lock(rwlock.get());
+        call(rwlock.get());
+    };
+    const char *source = "util/zqrwlock";
+    EXPECT_MISUSE(write_then(zq_rwlock_wrlock), source, "zq_rwlock_wrlock", refused);
+    EXPECT_MISUSE(write_then(zq_rwlock_rdlock), source, "zq_rwlock_rdlock", refused);
+}
+#endif
