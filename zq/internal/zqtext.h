@@ -1,6 +1,8 @@
 #ifndef ZQ_INTERNAL_ZQTEXT_H
 #define ZQ_INTERNAL_ZQTEXT_H
 
+#include <algorithm>
+#include <cstring>
 #include <string_view>
 
 #include "zq/util/zqmalloc.h"
@@ -20,8 +22,9 @@ struct text_writer {
 
     void put(std::string_view text)
     {
-        for (char c : text)
-            put(c);
+        if (length < capacity)
+            memcpy(out + length, text.data(), std::min(text.size(), capacity - length));
+        length += text.size();
     }
 };
 

@@ -14,8 +14,8 @@ ZQ_BEGIN_DECLS
  *   ZQ_ERROR_INCOMPLETE    text follows the digits, be it white space; *out holds the value so far
  *   ZQ_ERROR_SYNTAX        no digit, as in "" or "-"; *out is 0
  *   ZQ_ERROR_OUT_OF_RANGE  does not fit 64 bits; *out is 0
- * Numbers that wrap around 64 bits without becoming smaller on the way, of 21 digits at least, are
- * not noticed as out of range. Logs and allocates nothing. */
+ * Of the numbers that have 20 digits or more, those that wrap around 64 bits without becoming
+ * smaller at any digit are not noticed as out of range. Logs and allocates nothing. */
 ZQ_API zqerror zq_strtoi64(const char *string, int64_t *out);
 
 /* zq_convert_int_from_size_t stores the low 32 bits of `value`. Returns 0 when *out is the value,

@@ -7,12 +7,15 @@
 
 ZQ_BEGIN_DECLS
 
-/* The system's names, environment and clock. New strings are freed with zq_free(). */
+/* The system's names, environment and clock. New strings are freed with zq_free(); a null result
+ * has been logged (level 7) unless stated otherwise. Environment changes are for one thread,
+ * everything else for any. */
 
 /* zq_gethostname returns the host name as a new string (at most 256 bytes of it), or null. */
 ZQ_API char *zq_gethostname(void);
 
-/* zq_uname_sysname returns the operating system's name as a new string, or null. */
+/* zq_uname_sysname returns the operating system's name as a new string, or null: logged when out of
+ * memory, silent when the system does not tell. */
 ZQ_API char *zq_uname_sysname(void);
 
 /* zq_uname_nodename returns the node name as a new string, or null. */
@@ -27,8 +30,7 @@ ZQ_API int zq_setenv(const char *name, const char *value, int overwrite);
 /* zq_unsetenv is the platform's unsetenv(): 0, or -1 with errno set. */
 ZQ_API int zq_unsetenv(const char *name);
 
-/* zq_sleep waits for that time: 0, or -1 when a signal interrupted it. Microseconds may be
- * 1000000 or more. */
+/* zq_sleep waits for that time: 0, or -1 when a signal interrupted it. */
 ZQ_API int zq_sleep(unsigned int seconds, unsigned int microseconds);
 
 /* zq_time returns the seconds since the Epoch, also through `tloc` when it is not null. */
