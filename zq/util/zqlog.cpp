@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstring>
-#include <initializer_list>
 #include <syslog.h>
 
 #include "zq/internal/zqassert.h"
@@ -18,6 +17,7 @@
 
 static constexpr int DEFAULT_LEVEL = 8;
 static constexpr int LEVEL_MAX = 16;
+static constexpr int NO_LEVEL = -1;
 
 namespace {
 // A text buffer that is kept from line to line and only grows.
@@ -38,6 +38,8 @@ struct log_global {
 
 struct zqlog {
     std::atomic<zqmutex *> mutex;
+    std::atomic<int> threshold;      // the largest one of the enabled outputs
+    std::atomic<bool> lines_skipped; // lines below it have been dropped unformatted
     line_buffer prefix;
     line_buffer message;
     int callback_enabled;
@@ -68,30 +70,30 @@ static bool zq_log_admits(int enabled, int threshold, unsigned int level)
     return enabled && threshold >= 0 && static_cast<unsigned int>(threshold) >= level;
 }
 
-static bool zq_log_any_output_admits(const zqlog *log, unsigned int level)
+// Whether any output takes lines of this level.
+static bool zq_log_admits_line(zqlog *log, unsigned int level)
 {
-    return zq_log_admits(log->callback_enabled, log->callback_level, level) ||
-           zq_log_admits(log->logfile_enabled, log->logfile_level, level) ||
-           zq_log_admits(log->stdout_enabled, log->stdout_level, level) ||
-           zq_log_admits(log->stderr_enabled, log->stderr_level, level) ||
-           zq_log_admits(log->syslog_enabled, log->syslog_level, level);
+    if (zq_log_admits(1, log->threshold.load(std::memory_order_relaxed), level))
+        return true;
+    log->lines_skipped.store(true, std::memory_order_relaxed);
+    return false;
 }
 
-static void zq_log_settings_changed(const zqlog *log)
+static void zq_log_settings_changed(zqlog *log)
 {
-    if (!zq_log_global || log != zq_log_global->defaultlog)
-        return;
-    int threshold = -1;
-    const int levels[][2] = {{log->callback_enabled, log->callback_level},
-                             {log->logfile_enabled, log->logfile_level},
-                             {log->stdout_enabled, log->stdout_level},
-                             {log->stderr_enabled, log->stderr_level},
-                             {log->syslog_enabled, log->syslog_level}};
-    for (const auto &[enabled, level] : levels) {
+    const int outputs[][2] = {{log->callback_enabled, log->callback_level},
+                              {log->logfile_enabled, log->logfile_level},
+                              {log->stdout_enabled, log->stdout_level},
+                              {log->stderr_enabled, log->stderr_level},
+                              {log->syslog_enabled, log->syslog_level}};
+    int threshold = NO_LEVEL;
+    for (const auto &[enabled, level] : outputs) {
         if (enabled && level > threshold)
             threshold = level;
     }
-    zq_log_default_threshold.store(threshold, std::memory_order_relaxed);
+    log->threshold.store(threshold, std::memory_order_relaxed);
+    if (zq_log_global && log == zq_log_global->defaultlog)
+        zq_log_default_threshold.store(threshold, std::memory_order_relaxed);
 }
 
 // ---- the process-wide state ----
@@ -152,9 +154,9 @@ static zqlog *zq_log_resolve(zqlog *log)
 zqlog *zq_log_create(void)
 {
     static constexpr int default_map[LEVEL_MAX + 1] = {
-        LOG_DEBUG,   LOG_EMERG,   LOG_EMERG,  LOG_ALERT, LOG_CRIT,   LOG_ERR,
-        LOG_ERR,     LOG_WARNING, LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG_NOTICE,
-        LOG_INFO,    LOG_DEBUG,   LOG_DEBUG,  LOG_DEBUG, LOG_DEBUG};
+        LOG_DEBUG, LOG_EMERG,   LOG_EMERG,   LOG_ALERT,  LOG_CRIT, LOG_ERR,
+        LOG_ERR,   LOG_WARNING, LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG_NOTICE,
+        LOG_INFO,  LOG_DEBUG,   LOG_DEBUG,   LOG_DEBUG,  LOG_DEBUG};
 
     zqlog *log = make_zeroed<zqlog>();
     if (!log)
@@ -166,6 +168,7 @@ zqlog *zq_log_create(void)
     log->stderr_level = DEFAULT_LEVEL;
     log->syslog_level = DEFAULT_LEVEL;
     memcpy(log->syslog_map, default_map, sizeof(default_map));
+    zq_log_settings_changed(log);
     return log;
 }
 
@@ -344,8 +347,8 @@ struct log_line {
 };
 } // namespace
 
-// Returns the number of writes that came out short. The stream stays locked throughout, so lines
-// of several logs that share a stream do not mix.
+// Returns the number of writes that failed. The stream stays locked throughout, so lines of several
+// logs that share a stream do not mix.
 static int zq_log_write_stream(FILE *stream, const log_line &line)
 {
     int failures = 0;
@@ -353,19 +356,18 @@ static int zq_log_write_stream(FILE *stream, const log_line &line)
     if (!line.raw) {
         struct tm tm = {};
         zq_localtime_r(&line.time, &tm);
-        failures += fprintf(stream, "%04u-%02u-%02u %02u:%02u:%02u ",
-                            static_cast<unsigned int>(tm.tm_year + 1900),
-                            static_cast<unsigned int>(tm.tm_mon + 1),
-                            static_cast<unsigned int>(tm.tm_mday),
-                            static_cast<unsigned int>(tm.tm_hour),
-                            static_cast<unsigned int>(tm.tm_min),
-                            static_cast<unsigned int>(tm.tm_sec)) < 0;
+        failures +=
+            fprintf(stream, "%04u-%02u-%02u %02u:%02u:%02u ",
+                    static_cast<unsigned int>(tm.tm_year + 1900),
+                    static_cast<unsigned int>(tm.tm_mon + 1), static_cast<unsigned int>(tm.tm_mday),
+                    static_cast<unsigned int>(tm.tm_hour), static_cast<unsigned int>(tm.tm_min),
+                    static_cast<unsigned int>(tm.tm_sec)) < 0;
     }
     if (line.prefix)
         failures += fprintf(stream, "%s ", line.prefix) < 0;
     failures += fwrite(line.message, 1, line.length, stream) != line.length;
     failures += fwrite("\n", 1, 1, stream) != 1;
-    fflush(stream);
+    failures += fflush(stream) != 0;
     funlockfile(stream);
     return failures;
 }
@@ -498,7 +500,7 @@ static int zq_log_vwrite(zqlog *log, unsigned int level, int raw, const char *fo
     zqlog *target = zq_log_resolve(log);
     if (!target)
         return -1;
-    if (!zq_log_any_output_admits(target, level))
+    if (!zq_log_admits_line(target, level))
         return 0;
     zqmutex *mutex = zq_log_own_mutex(target);
     if (!mutex)
@@ -537,16 +539,18 @@ int zq_log_macro(zqlog *zqlog, unsigned int level, const char *file, int line, c
     struct zqlog *target = zq_log_resolve(zqlog);
     if (!target)
         return -1;
-    if (!zq_log_any_output_admits(target, level))
-        return 0;
     size_t prefix_size = target->prefix.size;
     int count = zq_log_format(&target->prefix, PREFIX_FORMAT, file, line, static_cast<int>(level));
     if (count < 0)
         return -1;
     // A prefix that grew is held against the message's buffer, not its own: meant, see the header.
+    // What lines that were dropped unformatted would have made of that buffer counts as enough.
     if (target->prefix.size != prefix_size) {
-        ZQ_ASSERT_TEXT(static_cast<size_t>(count) < target->message.size, "count < zqlog->buflen");
+        ZQ_ASSERT_TEXT(static_cast<size_t>(count) < target->message.size || target->lines_skipped,
+                       "count < zqlog->buflen");
     }
+    if (!zq_log_admits_line(target, level))
+        return 0;
 
     va_list ap;
     va_start(ap, format);
@@ -577,10 +581,13 @@ static int zq_log_macro_vformat(const char *format, va_list ap)
         return -1;
     const log_global &values = *zq_log_global;
     zqlog *target = values.log ? values.log : values.defaultlog;
-    if (!zq_log_any_output_admits(target, values.level))
+    if (!zq_log_admits_line(target, values.level))
         return 0;
     int count = zq_log_format(&target->prefix, PREFIX_FORMAT, values.file, values.line,
                               static_cast<int>(values.level));
+    if (count >= 0)
+        ZQ_ASSERT_TEXT(target->prefix.size > static_cast<size_t>(count),
+                       "zqlog->prefixlen > count");
     const char *prefix = count < 0 ? nullptr : target->prefix.text;
     return zq_log_vmessage(target, prefix, values.level, 0, format, ap);
 }
@@ -605,8 +612,11 @@ void zq_log_line(unsigned int level, const char *file, int line, const char *for
     va_list ap;
     va_start(ap, format);
     zq_log_macro_mutex_lock();
-    zq_log_macro_set_values(nullptr, level, file, line);
-    zq_log_macro_vformat(format, ap);
+    // Where there is no memory for the state, the values are not kept and the line is lost.
+    if (zq_log_init() == 0) {
+        zq_log_macro_set_values(nullptr, level, file, line);
+        zq_log_macro_vformat(format, ap);
+    }
     zq_log_macro_mutex_unlock();
     va_end(ap);
 }

@@ -110,16 +110,16 @@ ZQ_API int zq_log_syslog_map(zqlog *zqlog, int level, int priority);
 /* ---- writing ---- */
 
 /* zq_log writes one line, without source. Returns 0 when every output that took the line
- * succeeded, else -1. */
+ * succeeded, else -1. A line that no output takes is not even formatted. */
 ZQ_API int zq_log(zqlog *zqlog, unsigned int level, const char *format, ...) ZQ_PRINTF(3, 4);
 
 /* zq_log_raw is zq_log without the time stamp. */
 ZQ_API int zq_log_raw(zqlog *zqlog, unsigned int level, const char *format, ...) ZQ_PRINTF(3, 4);
 
 /* zq_log_macro writes one line with its source in a single call, without taking a lock. Results as
- * for zq_log(). It must not be the first line of a log: while the log's message buffer is smaller
- * than the "file:line[level]" prefix the call ends in an assertion, which callers rely on to find
- * logs used before zq_log(). */
+ * for zq_log(). Not to be used for the first line of a log: a "file:line[level]" prefix that is
+ * longer than every prefix before has to fit the log's message buffer, which has the size of the
+ * longest message so far, or the call ends in an assertion. */
 ZQ_API int zq_log_macro(zqlog *zqlog, unsigned int level, const char *file, int line,
                         const char *format, ...) ZQ_PRINTF(5, 6);
 
