@@ -111,14 +111,16 @@ static int zq_mallocfail_file_load_line(zqmallocfail *zqmallocfail, const char *
             static_cast<unsigned long>(sizeof(*entry)));
         return -1;
     }
-    char *stacktrace = strdup(line);
+    size_t size = strlen(line) + 1;
+    char *stacktrace = static_cast<char *>(malloc(size));
     if (!stacktrace) {
         zq_stdio_printf_stderr(
             "zq_mallocfail_file_load: not enough memory for stacktrace (%lu bytes)\n",
-            static_cast<unsigned long>(strlen(line) + 1));
+            static_cast<unsigned long>(size));
         free(entry);
         return -1;
     }
+    memcpy(stacktrace, line, size);
     zq_mallocfail_add(zqmallocfail, entry, stacktrace);
     return 0;
 }
