@@ -8,8 +8,7 @@ ZQ_BEGIN_DECLS
 
 /* Percent-encoding for URLs and form bodies (application/x-www-form-urlencoded). The letters A-Z
  * and a-z, the digits and - . _ ~ ! ' ( ) * pass unchanged, a space becomes "+", and every other
- * byte
- * "%" with two upper-case hexadecimal digits. A context can exempt further bytes. */
+ * byte "%" with two upper-case hexadecimal digits. A context can exempt further bytes. */
 ZQ_OBJECT(zqurlencode);
 
 /* zq_urlencode_create returns a new context without exemptions, or null when out of memory.
