@@ -49,7 +49,7 @@ void expect_lines_without_memory(const std::string &test, const std::vector<std:
                                         << testing::PrintToString(found);
 }
 
-FaultLines::FaultLines()
+FaultLines::FaultLines(int level) : log(level)
 {
     for (int tries = 0; tries < 200; tries++) {
         zq_log_macro_set_values(nullptr, 10, "a/prefix/longer/than/that/of/any/source", 1000000);

@@ -28,7 +28,7 @@ void expect_lines_without_memory(const std::string &test, const std::vector<std:
 // together. The log's own memory is in place before the scenario starts, so that no line is lost.
 class FaultLines {
   public:
-    FaultLines();
+    explicit FaultLines(int level = 10);
     ~FaultLines() { step(); }
     FaultLines(const FaultLines &) = delete;
     FaultLines &operator=(const FaultLines &) = delete;

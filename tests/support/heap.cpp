@@ -1,8 +1,7 @@
 #include "tests/support/heap.h"
 
 #include <cstddef>
-
-#include "tests/support/interpose.h"
+#include <dlfcn.h>
 
 static thread_local long allocations;
 static thread_local long failing; // the number of the allocation to fail, 0 for none
@@ -44,13 +43,13 @@ static bool next_fails()
 
 extern "C" void *malloc(size_t size)
 {
-    static auto *real = next_symbol<void *(size_t)>("malloc");
+    static auto *real = reinterpret_cast<void *(*)(size_t)>(dlsym(RTLD_NEXT, "malloc"));
     return next_fails() ? nullptr : real(size);
 }
 
 extern "C" void *calloc(size_t count, size_t size)
 {
-    static auto *real = next_symbol<void *(size_t, size_t)>("calloc");
+    static auto *real = reinterpret_cast<void *(*)(size_t, size_t)>(dlsym(RTLD_NEXT, "calloc"));
     return next_fails() ? nullptr : real(count, size);
 }
 

@@ -9,8 +9,9 @@ ZQ_BEGIN_DECLS
  *
  * What is accepted is a subset of RFC 8259 with a few leniencies:
  *  - the top level is an object or an array; a text of white space alone is an empty document;
- *  - numbers have no exponent; an integer must fit 64 bits (one that does not is misuse), and a
- *    number that begins with 0 may contain no other 0: 0.5 and 01 are accepted, 0.0 and 0.10 not;
+ *  - numbers have no exponent, and one that begins with 0 may contain no other 0: 0.5 and 01 are
+ *    accepted, 0.0 and 0.10 not. An integer that does not fit 64 bits is misuse, and so is a minus
+ *    sign alone;
  *  - a \u escape gives one byte and goes up to \u00ff; bytes of strings are otherwise taken as they
  *    are, control characters included, and are not checked to be UTF-8;
  *  - a comma may stand before a closing bracket, and a text may end after a complete element or
