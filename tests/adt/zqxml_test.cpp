@@ -186,19 +186,17 @@ TEST(zqxml, depth_and_length_cost_no_stack)
     on_small_stack([&] {
         Xml xml(zq_xml_create());
         ASSERT_TRUE(xml);
-        for (const std::string &text : {nested, siblings, top_level}) {
-            EXPECT_TRUE(zq_xml_parse(xml.get(), text.c_str()) == 0 || faults_injected());
+        for (const std::string &text : {nested, top_level, siblings}) {
             EXPECT_EQ(zq_xml_parse(xml.get(), text.substr(0, text.size() - 1).c_str()), -1);
-            EXPECT_EQ(zq_xml_parse(xml.get(), (text + "<").c_str()), -1);
+            EXPECT_TRUE(zq_xml_parse(xml.get(), text.c_str()) == 0 || faults_injected());
         }
-
-        if (zq_xml_parse(xml.get(), siblings.c_str()) != 0)
-            return;
+        if (output(xml.get()).empty())
+            return; // not parsed for lack of memory
+        EXPECT_EQ(output(xml.get()).size(), 8 * count + 31);
         ZqString last(zq_xml_query_value(xml.get(), "x", "a/#", unsigned(count), nullptr));
         EXPECT_EQ(last, nullptr);
         last.reset(zq_xml_query_value(xml.get(), "x", "b", nullptr));
         EXPECT_TRUE(faults_injected() || std::string(last.get()) == "last");
-        EXPECT_EQ(output(xml.get()).size(), 8 * count + 31);
 
         std::string deep = repeated("<a>", depth) + repeated("</a>", depth);
         if (zq_xml_parse(xml.get(), deep.c_str()) != 0)
