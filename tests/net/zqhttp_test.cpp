@@ -9,6 +9,7 @@
 #include "tests/support/fake_clock.h"
 #include "tests/support/faults.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/scratch.h"
 
 using Http = Owned<zqhttp, zq_http_destroy>;
 using Lines = std::vector<LogLine>;
@@ -690,6 +691,117 @@ TEST_F(zqhttp_request, aborts)
     }
 }
 
+/* ---- downloads ---- */
+
+static Script *download_script;
+
+static zqhttp *create_scripted()
+{
+    zqhttp *http = zq_http_generic_create();
+    if (http)
+        download_script->attach(http);
+    return http;
+}
+
+static zqhttp *create_nothing()
+{
+    return nullptr;
+}
+
+TEST(zqhttp, downloads_to_a_file)
+{
+    Scratch scratch;
+    Script script;
+    download_script = &script;
+    int destroyed = 0;
+    script.destroyed = &destroyed;
+    const std::string large(100000, 'x');
+    const struct {
+        const char *url;
+        std::string file;
+        zq_http_create_callback create;
+        Script::Step step;
+        zqerror result;
+        std::string content;
+        Lines log;
+    } rows[] = {
+        {"http://h/",
+         scratch.file("a"),
+         create_scripted,
+         reply(200, {}, {"con", "tent"}),
+         0,
+         "content",
+         {}},
+        {"http://h/",
+         scratch.file("a"),
+         create_scripted,
+         reply(404, {}, {"none"}),
+         ZQ_ERROR_GENERIC,
+         "none",
+         {{7, "The HTTP server returned status code 404"}}},
+        {"http://h/",
+         scratch.file("a"),
+         create_scripted,
+         [](zqhttp *http) {
+             reply(200, {}, {"par"})(http);
+             return static_cast<zqerror>(ZQ_ERROR_CONNECTION_RESET);
+         },
+         ZQ_ERROR_CONNECTION_RESET,
+         "par",
+         {{7, "unable to download, error 104 (connection reset by peer)"}}},
+        {"http:",
+         scratch.file("a"),
+         create_scripted,
+         reply(200),
+         ZQ_ERROR_INVALID_ARGUMENT,
+         "",
+         {{6, "invalid URL 'http:'"}, {7, "unable to set the URL, error 22 (invalid argument)"}}},
+        {"http://h/",
+         scratch.file("a"),
+         create_nothing,
+         reply(200),
+         ZQ_ERROR_GENERIC,
+         "",
+         {{7, "unable to create the HTTP context"}}},
+        {"http://h/",
+         "/dev/full",
+         create_scripted,
+         reply(200, {}, {large}),
+         ZQ_ERROR_WRITE,
+         "",
+         {{7, "short write 0/100000 bytes"}, {7, "unable to download, error 203 (write error)"}}},
+        {"http://h/",
+         "/dev/full",
+         create_scripted,
+         reply(200, {}, {"small"}),
+         ZQ_ERROR_WRITE,
+         "",
+         {}},
+        {"http://h/",
+         scratch.file("none/a"),
+         create_scripted,
+         reply(200),
+         ZQ_ERROR_WRITE,
+         "",
+         {{7, "unable to create the output file '" + scratch.file("none/a") + "'"}}},
+    };
+    int created = 0;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(&row - rows);
+        script.steps = {row.step};
+        const size_t urls = script.urls.size();
+        LogCapture log;
+        EXPECT_EQ(zq_http_generic_get_url_to_file(row.url, row.file.c_str(), row.create),
+                  row.result);
+        EXPECT_EQ(log.take(), row.log);
+        created += script.urls.size() > urls;
+        EXPECT_EQ(destroyed, created);
+        if (row.file == scratch.file("a")) {
+            EXPECT_EQ(read_file(row.file), row.content);
+        }
+    }
+}
+
 /* ---- what failures log, and misuse ---- */
 
 TEST(zqhttp, lines_without_memory)
@@ -762,4 +874,6 @@ TEST_F(zqhttp_request, misuse)
                   "zqhttp != NULL");
     EXPECT_MISUSE(zq_http_write_response_body(http.get(), "", 0), source,
                   "zq_http_write_response_body", "size > 0");
+    EXPECT_MISUSE(zq_http_generic_get_url_to_fileptr_with_timeout("u", stdout, 1, 0, nullptr),
+                  source, "zq_http_generic_get_url_to_fileptr_with_timeout", "createfunc != NULL");
 }

@@ -1,7 +1,8 @@
 #include "tests/support/heap.h"
 
 #include <cstddef>
-#include <dlfcn.h>
+
+#include "tests/support/interpose.h"
 
 static thread_local long allocations;
 static thread_local long failing; // the number of the allocation to fail, 0 for none
@@ -43,13 +44,13 @@ static bool next_fails()
 
 extern "C" void *malloc(size_t size)
 {
-    static auto *real = reinterpret_cast<void *(*)(size_t)>(dlsym(RTLD_NEXT, "malloc"));
+    static auto *real = next_symbol<void *(size_t)>("malloc");
     return next_fails() ? nullptr : real(size);
 }
 
 extern "C" void *calloc(size_t count, size_t size)
 {
-    static auto *real = reinterpret_cast<void *(*)(size_t, size_t)>(dlsym(RTLD_NEXT, "calloc"));
+    static auto *real = next_symbol<void *(size_t, size_t)>("calloc");
     return next_fails() ? nullptr : real(count, size);
 }
 

@@ -5,7 +5,6 @@
 #include <barrier>
 #include <cstdio>
 #include <cstring>
-#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <set>
@@ -16,6 +15,7 @@
 
 #include "tests/support/expect.h"
 #include "tests/support/heap.h"
+#include "tests/support/interpose.h"
 #include "tests/support/scratch.h"
 
 using testing::HasSubstr;
@@ -32,8 +32,7 @@ static std::atomic<bool> unbuffered_streams;
 
 extern "C" FILE *fopen(const char *name, const char *mode)
 {
-    static auto *real =
-        reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, "fopen"));
+    static auto *const real = next_symbol<FILE *(const char *, const char *)>("fopen");
     FILE *stream = real(name, mode);
     if (stream && unbuffered_streams)
         setvbuf(stream, nullptr, _IONBF, 0);

@@ -9,6 +9,7 @@
 #include "zq/internal/zqbodystore.h"
 #include "zq/internal/zqlogline.h"
 #include "zq/internal/zqowned.h"
+#include "zq/io/zqfile.h"
 #include "zq/net/zqhttpheaders.h"
 #include "zq/util/zqprintf.h"
 #include "zq/util/zqstring.h"
@@ -734,6 +735,72 @@ zqerror zq_http_get_response_body_and_size(zqhttp *zqhttp, void **bodyptr, size_
         return ZQ_ERROR_NO_MEMORY;
     *sizeptr = body.size;
     return ZQ_ERROR_NONE;
+}
+
+/* ---- downloads in one call ---- */
+
+static zqerror zq_http_write_to_file(const void *data, size_t size, void *context)
+{
+    const size_t written = zq_file_write(static_cast<FILE *>(context), data, size);
+    if (written != size) {
+        ZQ_LOG(7, "short write %lu/%lu bytes", static_cast<unsigned long>(written),
+               static_cast<unsigned long>(size));
+        return ZQ_ERROR_WRITE;
+    }
+    return ZQ_ERROR_NONE;
+}
+
+zqerror zq_http_generic_get_url_to_fileptr_with_timeout(const char *url, FILE *file,
+                                                        int32_t seconds, uint32_t microseconds,
+                                                        zq_http_create_callback createfunc)
+{
+    ZQ_ASSERT(url != NULL);
+    ZQ_ASSERT(file != NULL);
+    ZQ_ASSERT(createfunc != NULL);
+
+    owned<zqhttp, zq_http_destroy> http(createfunc());
+    if (!http) {
+        ZQ_LOG(7, "unable to create the HTTP context");
+        return ZQ_ERROR_GENERIC;
+    }
+    zqerror result = zq_http_set_url(http.get(), url);
+    if (result != ZQ_ERROR_NONE) {
+        ZQ_LOG(7, "unable to set the URL, error %d (%s)", result, zq_error_string(result));
+        return result;
+    }
+    zq_http_set_response_body_callback(http.get(), zq_http_write_to_file, file);
+    zq_http_set_timeout(http.get(), seconds, microseconds);
+    result = zq_http_perform(http.get());
+    if (result != ZQ_ERROR_NONE) {
+        ZQ_LOG(7, "unable to download, error %d (%s)", result, zq_error_string(result));
+        return result;
+    }
+    const int32_t status = zq_http_get_status_code(http.get());
+    if (status != 200) {
+        ZQ_LOG(7, "The HTTP server returned status code %d", status);
+        return ZQ_ERROR_GENERIC;
+    }
+    return ZQ_ERROR_NONE;
+}
+
+zqerror zq_http_generic_get_url_to_file(const char *url, const char *filename,
+                                        zq_http_create_callback createfunc)
+{
+    ZQ_ASSERT(url != NULL);
+    ZQ_ASSERT(filename != NULL);
+    ZQ_ASSERT(createfunc != NULL);
+
+    FILE *file = zq_file_create_binary(filename);
+    if (!file) {
+        ZQ_LOG(7, "unable to create the output file '%s'", filename);
+        return ZQ_ERROR_WRITE;
+    }
+    const zqerror result =
+        zq_http_generic_get_url_to_fileptr_with_timeout(url, file, -1, 0, createfunc);
+    // What the stream still held may not fit on the disk.
+    if (zq_file_close(file) != 0 && result == ZQ_ERROR_NONE)
+        return ZQ_ERROR_WRITE;
+    return result;
 }
 
 /* ---- for transports: the implementation ---- */

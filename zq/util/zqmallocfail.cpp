@@ -209,10 +209,11 @@ static bool zq_mallocfail_decide_locked(char *stacktrace)
     return fail;
 }
 
-// The stack trace generators know this frame: by its plain name, so it has C linkage, and by its
-// being a frame of its own.
-extern "C" {
-[[gnu::noinline]] static bool zq_mallocfail_checkfail()
+// The stack trace generators know this frame, by its being a frame of its own and by its plain
+// name.
+[[gnu::noinline]] static bool zq_mallocfail_checkfail() __asm__("zq_mallocfail_checkfail");
+
+static bool zq_mallocfail_checkfail()
 {
     char *stacktrace = zq_mallocfail_backtrace_stacktrace();
     ZQ_ASSERT(stacktrace != NULL);
@@ -221,7 +222,6 @@ extern "C" {
     bool fail = zq_mallocfail_decide_locked(stacktrace);
     zq_mallocfail_unlock();
     return fail;
-}
 }
 
 void *zq_mallocfail_malloc(size_t size)
