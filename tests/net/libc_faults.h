@@ -7,7 +7,9 @@
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <fcntl.h>
@@ -166,6 +168,18 @@ inline std::string code_text(zqerror error)
     return number(error) + " (" + zq_error_string(error) + ")";
 }
 
+inline std::string resolver_failed()
+{
+    return "7 getaddrinfo() returned error -2 (" + std::string(gai_strerror(EAI_NONAME)) + ")";
+}
+
+// What holds also when memory runs out, where an EXPECT would go unnoticed.
+inline void require(bool condition)
+{
+    if (!condition)
+        abort();
+}
+
 // A test that sees every log line and leaves no plan to the next one.
 class NetworkTest : public testing::Test {
   protected:
@@ -179,6 +193,13 @@ class NetworkTest : public testing::Test {
             lines.push_back(number(line.level) + " " + line.text);
         return lines;
     }
+
+    double seconds_since_begun() const
+    {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
+    }
+
+    std::chrono::steady_clock::time_point begun = std::chrono::steady_clock::now();
 
   private:
     LogCapture log{13};
