@@ -205,21 +205,24 @@ class NetworkTest : public testing::Test {
     LogCapture log{13};
 };
 
+#define FAIL_OR_PASS(call, name, ...)                                                              \
+    (fails(call) ? -1 : next_symbol<decltype(name)>(#name)(__VA_ARGS__))
+
 extern "C" {
 
 int accept(int fd, sockaddr *address, socklen_t *size)
 {
-    return fails(ACCEPT) ? -1 : next_symbol<decltype(accept)>("accept")(fd, address, size);
+    return FAIL_OR_PASS(ACCEPT, accept, fd, address, size);
 }
 
 int bind(int fd, const sockaddr *address, socklen_t size) noexcept
 {
-    return fails(BIND) ? -1 : next_symbol<decltype(bind)>("bind")(fd, address, size);
+    return FAIL_OR_PASS(BIND, bind, fd, address, size);
 }
 
 int connect(int fd, const sockaddr *address, socklen_t size)
 {
-    return fails(CONNECT) ? -1 : next_symbol<decltype(connect)>("connect")(fd, address, size);
+    return FAIL_OR_PASS(CONNECT, connect, fd, address, size);
 }
 
 int fcntl(int fd, int command, ...)
@@ -228,14 +231,12 @@ int fcntl(int fd, int command, ...)
     va_start(arguments, command);
     void *argument = va_arg(arguments, void *);
     va_end(arguments);
-    return fails(FCNTL) ? -1 : next_symbol<decltype(fcntl)>("fcntl")(fd, command, argument);
+    return FAIL_OR_PASS(FCNTL, fcntl, fd, command, argument);
 }
 
 int getsockname(int fd, sockaddr *address, socklen_t *size) noexcept
 {
-    return fails(GETSOCKNAME)
-               ? -1
-               : next_symbol<decltype(getsockname)>("getsockname")(fd, address, size);
+    return FAIL_OR_PASS(GETSOCKNAME, getsockname, fd, address, size);
 }
 
 int getsockopt(int fd, int level, int name, void *value, socklen_t *size) noexcept
@@ -252,12 +253,12 @@ int getsockopt(int fd, int level, int name, void *value, socklen_t *size) noexce
 
 int listen(int fd, int backlog) noexcept
 {
-    return fails(LISTEN) ? -1 : next_symbol<decltype(listen)>("listen")(fd, backlog);
+    return FAIL_OR_PASS(LISTEN, listen, fd, backlog);
 }
 
 int pipe(int fds[2]) noexcept
 {
-    return fails(PIPE) ? -1 : next_symbol<decltype(pipe)>("pipe")(fds);
+    return FAIL_OR_PASS(PIPE, pipe, fds);
 }
 
 int poll(pollfd *fds, nfds_t count, int timeout)
@@ -277,24 +278,22 @@ int poll(pollfd *fds, nfds_t count, int timeout)
 
 ssize_t read(int fd, void *buf, size_t count)
 {
-    return fails(READ) ? -1 : next_symbol<decltype(read)>("read")(fd, buf, count);
+    return FAIL_OR_PASS(READ, read, fd, buf, count);
 }
 
 ssize_t recv(int fd, void *buf, size_t count, int flags)
 {
-    return fails(RECV) ? -1 : next_symbol<decltype(recv)>("recv")(fd, buf, count, flags);
+    return FAIL_OR_PASS(RECV, recv, fd, buf, count, flags);
 }
 
 ssize_t send(int fd, const void *buf, size_t count, int flags)
 {
-    return fails(SEND) ? -1 : next_symbol<decltype(send)>("send")(fd, buf, count, flags);
+    return FAIL_OR_PASS(SEND, send, fd, buf, count, flags);
 }
 
 int socket(int family, int type, int protocol) noexcept
 {
-    if (fails(SOCKET))
-        return -1;
-    return last_socket = next_symbol<decltype(socket)>("socket")(family, type, protocol);
+    return last_socket = FAIL_OR_PASS(SOCKET, socket, family, type, protocol);
 }
 
 int getaddrinfo(const char *name, const char *service, const addrinfo *hints, addrinfo **list)
