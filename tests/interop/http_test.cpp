@@ -1,0 +1,234 @@
+// The HTTP client against servers of other people: nginx and tinyproxy.
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "tests/support/expect.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/process.h"
+#include "tests/support/scratch.h"
+#include "zq/net/zqhttp_lite.h"
+
+using Http = Owned<zqhttp, zq_http_destroy>;
+
+static std::string random_bytes(size_t size)
+{
+    std::string bytes(size, '\0');
+    std::mt19937_64 random(size);
+    for (size_t i = 0; i + 8 <= size; i += 8) {
+        const uint64_t word = random();
+        memcpy(&bytes[i], &word, 8);
+    }
+    return bytes;
+}
+
+static std::string sha256_of(const std::string &path)
+{
+    return run({"sha256sum", path}).out.substr(0, 64);
+}
+
+class http_interop : public testing::Test {
+  protected:
+    static void SetUpTestSuite()
+    {
+        signal(SIGPIPE, SIG_IGN);
+        // Where servers are, for ordinary users too.
+        setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin").c_str(), 1);
+        scratch = std::make_unique<Scratch>();
+        for (const char *directory : {"www/put", "temp"})
+            std::filesystem::create_directories(scratch->file(directory));
+        scratch->write("www/page.txt", "a page\n");
+        scratch->write("www/ssi.html", "<!--# set var=\"a\" value=\"b\" -->[<!--# echo var=\"a\" "
+                                       "-->]\n");
+        scratch->write("www/slow", random_bytes(24 << 10));
+        scratch->write("www/medium", random_bytes(1 << 20));
+        scratch->write("www/large", random_bytes(64 << 20));
+
+        port = free_port();
+        nginx =
+            start("nginx", port, {"-p", scratch->path(), "-e", scratch->file("error.log"), "-c"});
+        proxy_port = free_port();
+        tinyproxy = start("tinyproxy", proxy_port, {"-d", "-c"});
+    }
+    static void TearDownTestSuite()
+    {
+        tinyproxy.reset();
+        nginx.reset();
+        scratch.reset();
+    }
+
+    // Starts a server with the template of its name; `arguments` end with the option for that.
+    static std::unique_ptr<Process> start(const std::string &name, int own_port,
+                                          std::vector<std::string> arguments)
+    {
+        const std::string configuration = scratch->file(name + ".conf");
+        fill_template(ZQ_TEST_SOURCE "/tests/interop/" + name + ".conf.in", configuration,
+                      {{"DIR", scratch->path()}, {"PORT", std::to_string(own_port)}});
+        arguments.insert(arguments.begin(), name);
+        arguments.push_back(configuration);
+        auto process = std::make_unique<Process>(arguments, scratch->file(name + ".out"));
+        EXPECT_TRUE(wait_for_port(own_port)) << read_file(scratch->file(name + ".out"));
+        return process;
+    }
+
+    static std::string url(const std::string &target)
+    {
+        return "http://127.0.0.1:" + std::to_string(port) + target;
+    }
+
+    void SetUp() override { ASSERT_TRUE(http); }
+
+    zqerror get(const std::string &target)
+    {
+        const zqerror result = zq_http_set_url(http.get(), url(target).c_str());
+        return result == ZQ_ERROR_NONE ? zq_http_perform(http.get()) : result;
+    }
+    std::string body()
+    {
+        void *data;
+        size_t size;
+        if (zq_http_get_response_body_and_size(http.get(), &data, &size) != ZQ_ERROR_NONE)
+            return "";
+        std::string text(static_cast<char *>(data), size);
+        zq_free(data);
+        return text;
+    }
+
+    static std::unique_ptr<Scratch> scratch;
+    static std::unique_ptr<Process> nginx, tinyproxy;
+    static int port, proxy_port;
+    LogCapture log;
+    Http http{zq_http_lite_create()};
+};
+
+std::unique_ptr<Scratch> http_interop::scratch;
+std::unique_ptr<Process> http_interop::nginx, http_interop::tinyproxy;
+int http_interop::port, http_interop::proxy_port;
+
+TEST_F(http_interop, statuses_and_redirects)
+{
+    const struct {
+        const char *target;
+        zqerror result;
+        int32_t status;
+        const char *body; // null: any
+    } rows[] = {
+        {"/page.txt", 0, 200, "a page\n"},
+        {"/absolute", 0, 200, "a page\n"},
+        {"/full", 0, 200, "a page\n"},
+        {"/relative", 0, 200, "a page\n"},
+        {"/loop", ZQ_ERROR_OUT_OF_RANGE, 302, nullptr},
+        {"/none", 0, 404, nullptr},
+        {"/204", 0, 204, ""},
+        {"/500", 0, 500, "sorry"},
+        {"/closed", ZQ_ERROR_END_OF_FILE, 0, ""},
+        {"/ssi/ssi.html", 0, 200, "[b]\n"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.target);
+        EXPECT_EQ(get(row.target), row.result);
+        EXPECT_EQ(zq_http_get_status_code(http.get()), row.status);
+        if (row.body) {
+            EXPECT_EQ(body(), row.body);
+        }
+    }
+    EXPECT_EQ(zq_http_get_response_header(http.get(), "Content-Length"), nullptr);
+    EXPECT_EQ(body(), run({"curl", "-s", url("/ssi/ssi.html")}).out);
+}
+
+TEST_F(http_interop, requests_arrive_as_they_were_made)
+{
+    zq_http_set_method_post(http.get());
+    zq_http_lite_set_request_body(http.get(), "12345", 5);
+    zq_http_lite_add_header(http.get(), "X-Test: yes");
+    EXPECT_EQ(get("/echo?a=b%20c"), ZQ_ERROR_NONE);
+    EXPECT_EQ(body(), "POST /echo?a=b%20c 127.0.0.1 yes 5");
+}
+
+TEST_F(http_interop, uploads_and_deletes)
+{
+    const std::string content = random_bytes(16 << 20);
+    zq_http_set_method_put(http.get());
+    zq_http_lite_set_request_body(http.get(), content.data(), content.size());
+    EXPECT_EQ(get("/put/a/b"), ZQ_ERROR_NONE);
+    EXPECT_EQ(zq_http_get_status_code(http.get()), 201);
+    EXPECT_TRUE(read_file(scratch->file("www/put/a/b")) == content);
+
+    zq_http_set_method_delete(http.get());
+    EXPECT_EQ(get("/put/a/b"), ZQ_ERROR_NONE);
+    EXPECT_EQ(zq_http_get_status_code(http.get()), 204);
+    zq_http_set_method_get(http.get());
+    EXPECT_EQ(get("/put/a/b"), ZQ_ERROR_NONE);
+    EXPECT_EQ(zq_http_get_status_code(http.get()), 404);
+}
+
+TEST_F(http_interop, large_bodies)
+{
+    EXPECT_EQ(get("/medium"), ZQ_ERROR_NONE);
+    EXPECT_TRUE(body() == read_file(scratch->file("www/medium")));
+
+    const std::string file = scratch->file("downloaded");
+    EXPECT_EQ(
+        zq_http_generic_get_url_to_file(url("/large").c_str(), file.c_str(), zq_http_lite_create),
+        ZQ_ERROR_NONE);
+    EXPECT_EQ(sha256_of(file), sha256_of(scratch->file("www/large")));
+    EXPECT_EQ(
+        zq_http_generic_get_url_to_file(url("/none").c_str(), file.c_str(), zq_http_lite_create),
+        ZQ_ERROR_GENERIC);
+}
+
+// Each read of a body has the whole transfer's time, however long the body takes.
+TEST_F(http_interop, slow_bodies)
+{
+    zq_http_set_timeout(http.get(), 1, 500000);
+    zq_http_set_idle_timeout(http.get(), 0, 500000);
+    EXPECT_EQ(get("/slow/slow"), ZQ_ERROR_NONE);
+    EXPECT_TRUE(body() == read_file(scratch->file("www/slow")));
+
+    zq_http_set_timeout(http.get(), 0, 300000);
+    log.take();
+    EXPECT_EQ(get("/slow/slow"), ZQ_ERROR_TIMER_EXPIRED);
+    EXPECT_EQ(log.take(),
+              (std::vector<LogLine>{
+                  {7, "the full transfer timer expired"},
+                  {7, "unable to read more body information, error 62 (timer expired)"}}));
+}
+
+TEST_F(http_interop, proxies)
+{
+    zq_http_set_proxy(http.get(), "127.0.0.1", static_cast<uint32_t>(proxy_port));
+    EXPECT_EQ(get("/medium"), ZQ_ERROR_NONE);
+    EXPECT_NE(zq_http_get_response_header(http.get(), "via"), nullptr);
+    EXPECT_TRUE(body() == read_file(scratch->file("www/medium")));
+    EXPECT_EQ(get("/relative"), ZQ_ERROR_NONE);
+    EXPECT_EQ(body(), "a page\n");
+
+    // Nobody listens there: the proxy says so in its own words.
+    const std::string closed = "http://127.0.0.1:" + std::to_string(free_port()) + "/";
+    EXPECT_EQ(zq_http_set_url(http.get(), closed.c_str()), ZQ_ERROR_NONE);
+    EXPECT_EQ(zq_http_perform(http.get()), ZQ_ERROR_NONE);
+    EXPECT_EQ(zq_http_get_status_code(http.get()), 500);
+}
+
+TEST_F(http_interop, many_transfers_leave_nothing_behind)
+{
+    size_t descriptors = 0;
+    size_t bytes = 0;
+    for (int i = 0; i < 200; i++) {
+        ASSERT_EQ(get(i % 2 ? "/relative" : "/none"), ZQ_ERROR_NONE);
+        if (i == 9) {
+            descriptors = open_descriptors();
+            bytes = mallinfo2().uordblks;
+        }
+    }
+    EXPECT_EQ(open_descriptors(), descriptors);
+    // How malloc() cuts its blocks varies a little; the smallest leak would count 190 times.
+    EXPECT_LT(mallinfo2().uordblks, bytes + 190 * 16);
+}
