@@ -5,8 +5,8 @@
 
 #include "zq/adt/zqjson.h"
 
+#include <cfloat>
 #include <climits>
-#include <clocale>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -114,6 +114,29 @@ static bool zq_json_strtod(const char *text, char **endptr, double *number)
     }
     *number = strtod_l(text, endptr, c_locale);
     freelocale(c_locale);
+    return true;
+}
+
+// Reads "-123.45" of so few digits that they and the power of ten below them are exact as doubles,
+// which makes their quotient what strtod() gives. Returns false for anything longer.
+static bool zq_json_read_short_fraction(const char *text, size_t len, double *number)
+{
+    static constexpr double powers[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                        1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+    constexpr bool exact = FLT_EVAL_METHOD == 0 && DBL_DIG == 15;
+    bool negative = *text == '-';
+    if (!exact || len > DBL_DIG + 1u + negative)
+        return false;
+    int64_t digits = 0;
+    const char *dot = text + len;
+    for (const char *c = text + negative; c < text + len; c++) {
+        if (*c == '.')
+            dot = c;
+        else
+            digits = digits * 10 + (*c - '0');
+    }
+    double quotient = static_cast<double>(digits) / powers[text + len - 1 - dot];
+    *number = negative ? -quotient : quotient;
     return true;
 }
 
@@ -423,10 +446,13 @@ static bool zq_json_parser_parse_number(zqjsonparser *parser, zqjsonnode **desti
     }
     const char *json = parser->json;
     size_t pos = parser->pos;
-    char *endptr;
-    if (!zq_json_strtod(start, &endptr, &node->value.number))
-        return false;
-    ZQ_ASSERT(endptr == json + pos);
+    size_t len = static_cast<size_t>(json + pos - start);
+    if (!zq_json_read_short_fraction(start, len, &node->value.number)) {
+        char *endptr;
+        if (!zq_json_strtod(start, &endptr, &node->value.number))
+            return false;
+        ZQ_ASSERT(endptr == json + pos);
+    }
     node->value.integer = zq_json_round(node->value.number);
     return true;
 }
