@@ -19,6 +19,7 @@ struct zqstringhashitem {
     char *key;
     void *value;
     zqlistlink link;
+    unsigned long keyhash; // kept, so that moves and most comparisons do not touch the key
 };
 
 using owned_stringhash = owned<zqstringhash, zq_stringhash_destroy>;
@@ -30,7 +31,7 @@ static unsigned long zq_stringhash_calchashitem(const void *item, void *context)
     ZQ_ASSERT(item != NULL);
     ZQ_ASSERT(context != NULL);
 
-    return zq_hashfunc_string(static_cast<const zqstringhashitem *>(item)->key);
+    return static_cast<const zqstringhashitem *>(item)->keyhash;
 }
 
 static int zq_stringhash_compareitem(const void *item1, const void *item2, void *context)
@@ -39,8 +40,9 @@ static int zq_stringhash_compareitem(const void *item1, const void *item2, void 
     ZQ_ASSERT(item2 != NULL);
     ZQ_ASSERT(context != NULL);
 
-    return strcmp(static_cast<const zqstringhashitem *>(item1)->key,
-                  static_cast<const zqstringhashitem *>(item2)->key);
+    const auto *stored = static_cast<const zqstringhashitem *>(item1);
+    const auto *searched = static_cast<const zqstringhashitem *>(item2);
+    return stored->keyhash != searched->keyhash || strcmp(stored->key, searched->key) != 0;
 }
 
 static void zq_stringhash_destroyitem(void *item, void *context)
@@ -116,14 +118,16 @@ int zq_stringhash_add(zqstringhash *stringhash, const char *key, void *value)
     if (!item->key)
         return -1;
     item->value = value;
+    item->keyhash = zq_hashfunc_string(key);
     zq_hash_add(stringhash->hash, item.release());
     return 0;
 }
 
 static zqstringhashitem *zq_stringhash_find(zqstringhash *stringhash, const char *key)
 {
-    // The table reads no more than the key of the item it is to look for.
-    const zqstringhashitem searchitem = {const_cast<char *>(key), nullptr, {}};
+    // The table reads no more than the key and its hash of the item it is to look for.
+    const zqstringhashitem searchitem = {
+        const_cast<char *>(key), nullptr, {}, zq_hashfunc_string(key)};
     return static_cast<zqstringhashitem *>(zq_hash_lookup(stringhash->hash, &searchitem));
 }
 
