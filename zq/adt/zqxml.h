@@ -48,7 +48,7 @@ ZQ_API int zq_xml_output(zqxml *zqxml, FILE *out);
 /* zq_xml_query_value returns a terminated copy of the value found as zq_xml_query_value_const()
  * does, which the caller frees with zq_free(); an empty string for a node without a value. Null
  * when nothing matches, or when out of memory, which is logged. */
-ZQ_API char *zq_xml_query_value(zqxml *zqxml, ...);
+ZQ_API char *zq_xml_query_value(zqxml *zqxml, ...) ZQ_SENTINEL;
 
 /* zq_xml_query_value_const finds the value of the node at a path: const char * tag names from the
  * top level downwards, compared in full and in case, closed by a null pointer. A name ending in '#'
@@ -61,7 +61,8 @@ ZQ_API char *zq_xml_query_value(zqxml *zqxml, ...);
  * pointing to *valuelenptr bytes inside the document, not terminated and valid until the next parse
  * or the destruction; null and 0 for a node without a value. Returns -1, with null and 0 and
  * nothing logged, when nothing matches. */
-ZQ_API int zq_xml_query_value_const(zqxml *zqxml, const char **valueptr, size_t *valuelenptr, ...);
+ZQ_API int zq_xml_query_value_const(zqxml *zqxml, const char **valueptr, size_t *valuelenptr,
+                                    ...) ZQ_SENTINEL;
 
 ZQ_END_DECLS
 
