@@ -1,0 +1,410 @@
+#include "zq/net/zqtcpserver.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <thread>
+
+#include "tests/net/loopback.h"
+#include "tests/support/expect.h"
+#include "tests/support/faults.h"
+#include "tests/support/interpose.h"
+#include "tests/support/process.h"
+
+using Lines = std::vector<LogLine>;
+
+// ---- accepts that go wrong ----
+
+static Fault accept_fault;
+static std::atomic<zqtcpserver *> stopped_by_accept{nullptr};
+
+extern "C" int accept(int fd, sockaddr *address, socklen_t *size)
+{
+    static auto *const next = next_symbol<decltype(accept)>("accept");
+    if (int error = accept_fault.strike()) {
+        errno = error;
+        return -1;
+    }
+    int result = next(fd, address, size);
+    if (zqtcpserver *server = stopped_by_accept.exchange(nullptr))
+        zq_tcpserver_stop(server);
+    return result;
+}
+
+// ---- a server and its clients ----
+
+namespace {
+// What the callbacks of one server share.
+struct World {
+    std::atomic<int> served{0};
+    std::atomic<bool> gate_open{true};
+};
+} // namespace
+
+// Returns to the client what it sends first, doubled; then waits at the gate.
+static void serve(zqtcpserver *server, zqhandle *handle, void *context)
+{
+    auto *world = static_cast<World *>(context);
+    EXPECT_NE(server, nullptr);
+    char buf[64];
+    zq_handle_set_read_timeout(handle, 10, 0);
+    size_t count = zq_handle_read(handle, buf, sizeof(buf));
+    std::string reply = std::string(buf, count) + std::string(buf, count);
+    if (count > 0)
+        zq_handle_write(handle, reply.data(), reply.size());
+    while (!world->gate_open)
+        std::this_thread::yield();
+    world->served++;
+}
+
+namespace {
+// A server on a loopback port, ended and destroyed with this object.
+class Server {
+  public:
+    explicit Server(World *world, zq_tcpserver_callback callback = serve)
+        : server(zq_tcpserver_create())
+    {
+        if (!server)
+            return;
+        zq_tcpserver_set_callback(server, callback, world);
+        running = zq_tcpserver_set_address(server, "127.0.0.1") == ZQ_ERROR_NONE &&
+                  zq_tcpserver_start(server) == ZQ_ERROR_NONE;
+    }
+    ~Server()
+    {
+        end();
+        if (server)
+            zq_tcpserver_destroy(server);
+    }
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    void end()
+    {
+        if (!running)
+            return;
+        zq_tcpserver_stop(server);
+        zq_tcpserver_wait(server);
+        running = false;
+    }
+    // For a server that something else stops, unless memory runs out on the way there.
+    void wait()
+    {
+        if (faults_injected())
+            zq_tcpserver_stop(server);
+        zq_tcpserver_wait(server);
+        running = false;
+    }
+    zqtcpserver *get() const { return server; }
+    bool is_running() const { return running; }
+    uint32_t port() const
+    {
+        uint32_t port = 0;
+        EXPECT_EQ(zq_tcpserver_get_port(server, &port), 0u);
+        return port;
+    }
+
+  private:
+    zqtcpserver *server;
+    bool running = false;
+};
+} // namespace
+
+static Fd connect_to(uint32_t port)
+{
+    Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    timeval limit = {10, 0}; // a server that says nothing is a failure
+    setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    Address address("127.0.0.1", port);
+    if (connect(fd.get(), address.get(), address.size) != 0)
+        fd.reset();
+    return fd;
+}
+
+// All that the client receives for what it sends.
+static std::string ask(uint32_t port, const std::string &text)
+{
+    Fd client = connect_to(port);
+    send_text(client, text);
+    std::string all;
+    for (std::string part = receive_text(client); !part.empty(); part = receive_text(client))
+        all += part;
+    return all;
+}
+
+static size_t count_threads()
+{
+    auto tasks = std::filesystem::directory_iterator("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+static bool contains(const Lines &lines, const LogLine &line)
+{
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+// ---- serving ----
+
+TEST(zqtcpserver, serves_each_connection_in_a_thread)
+{
+    LogCapture log;
+    World world;
+    world.gate_open = false;
+    Server server(&world);
+    ASSERT_TRUE(server.is_running());
+    std::vector<Fd> clients;
+    for (int i = 0; i < 5; i++) {
+        clients.push_back(connect_to(server.port()));
+        send_text(clients.back(), std::to_string(i));
+    }
+    // All are answered while none of the callbacks has returned.
+    for (size_t i = 0; i < clients.size(); i++)
+        EXPECT_EQ(receive_text(clients[i]), std::to_string(i) + std::to_string(i));
+    EXPECT_EQ(world.served, 0);
+    world.gate_open = true;
+    for (const Fd &client : clients)
+        EXPECT_EQ(receive_text(client), "") << "closed when the callback is done";
+    server.end();
+    EXPECT_EQ(world.served, 5);
+    EXPECT_EQ(log.take(),
+              (Lines{{10, "waking up the accept thread"}, {9, "wakeup from accept requested"}}));
+}
+
+TEST(zqtcpserver, threads_of_short_connections_do_not_pile_up)
+{
+    LogCapture log;
+    World world;
+    size_t descriptors = open_descriptors();
+    size_t threads = count_threads(), most = 0;
+    int connections = faults_injected() ? 10 : 300;
+    {
+        Server server(&world);
+        ASSERT_TRUE(server.is_running());
+        uint32_t port = server.port();
+        for (int i = 0; i < connections; i++) {
+            EXPECT_EQ(ask(port, "ab"), "abab");
+            most = std::max(most, count_threads());
+        }
+    }
+    EXPECT_EQ(world.served, connections);
+    EXPECT_LT(most, threads + 20);
+    for (int i = 0; i < 1000 && count_threads() > threads; i++)
+        usleep(1000); // the system forgets a joined thread a moment later
+    EXPECT_EQ(count_threads(), threads);
+    EXPECT_EQ(open_descriptors(), descriptors + 2) << "the wakeup pipe stays open, nothing else";
+}
+
+// ---- stopping ----
+
+TEST(zqtcpserver, stop_while_idle_and_before_the_start)
+{
+    World world;
+    Server idle(&world);
+    ASSERT_TRUE(idle.is_running());
+    idle.end();
+
+    LogCapture log;
+    zqtcpserver *stopped = zq_tcpserver_create();
+    ASSERT_TRUE(stopped);
+    zq_tcpserver_set_callback(stopped, serve, &world);
+    zq_tcpserver_stop(stopped);
+    EXPECT_TRUE(log.take().empty());
+    EXPECT_EQ(zq_tcpserver_run(stopped), 0u);
+    zq_tcpserver_destroy(stopped);
+}
+
+TEST(zqtcpserver, wait_returns_after_the_last_callback)
+{
+    World world;
+    world.gate_open = false;
+    Server server(&world);
+    ASSERT_TRUE(server.is_running());
+    Fd clients[] = {connect_to(server.port()), connect_to(server.port())};
+    for (const Fd &client : clients) {
+        send_text(client, "x");
+        receive_text(client); // a reply, or the end when the connection could not be served
+    }
+    zq_tcpserver_stop(server.get());
+    std::atomic<bool> returned{false};
+    std::thread waiter([&] {
+        server.end();
+        returned = true;
+    });
+    if (!faults_injected()) {
+        usleep(20000);
+        EXPECT_FALSE(returned);
+    }
+    world.gate_open = true;
+    waiter.join();
+    EXPECT_EQ(world.served, 2);
+}
+
+TEST(zqtcpserver, a_connection_accepted_after_the_stop_is_closed)
+{
+    LogCapture log;
+    World world;
+    Server server(&world);
+    ASSERT_TRUE(server.is_running());
+    stopped_by_accept = server.get();
+    EXPECT_EQ(ask(server.port(), "x"), "");
+    server.wait();
+    stopped_by_accept = nullptr; // in case that it never came to an accept
+    EXPECT_EQ(world.served, 0);
+    EXPECT_TRUE(contains(log.take(), {8, "shutting down, closing the handle just accepted"}));
+}
+
+static void serve_and_stop(zqtcpserver *server, zqhandle *, void *)
+{
+    zq_tcpserver_stop(server);
+}
+
+TEST(zqtcpserver, a_callback_may_stop_its_server)
+{
+    Server server(nullptr, serve_and_stop);
+    ASSERT_TRUE(server.is_running());
+    ask(server.port(), "x");
+    server.wait();
+}
+
+// Whoever made wait return is done with the server, which is then destroyed at once.
+TEST(zqtcpserver, stop_from_another_thread_races_with_run_and_destroy)
+{
+    World world;
+    for (int i = 0; i < 30; i++) {
+        zqtcpserver *server = zq_tcpserver_create();
+        ASSERT_TRUE(server);
+        zq_tcpserver_set_callback(server, serve, &world);
+        std::thread stopper([server, i] {
+            usleep(static_cast<useconds_t>(i * 10));
+            zq_tcpserver_stop(server);
+        });
+        if (zq_tcpserver_run(server) != ZQ_ERROR_NONE)
+            stopper.join(); // nobody waited for its stop
+        zq_tcpserver_destroy(server);
+        if (stopper.joinable())
+            stopper.join();
+    }
+}
+
+// ---- failures ----
+
+TEST(zqtcpserver, start_failures)
+{
+    LogCapture log;
+    World world;
+    Server server(&world);
+    ASSERT_TRUE(server.is_running());
+    EXPECT_EQ(zq_tcpserver_start(server.get()), 206u);
+    EXPECT_EQ(log.take(), (Lines{{7, "the TCP server is already listening to connections"}}));
+
+    const LogLine cannot_listen = {7, "unable to start listening to incoming TCP connections, "
+                                      "error 202 (generic error)"};
+    Owned<zqtcpserver, zq_tcpserver_destroy> other(zq_tcpserver_create());
+    ASSERT_TRUE(other);
+    zq_tcpserver_set_callback(other.get(), serve, &world);
+    zq_tcpserver_set_port(other.get(), server.port());
+    ASSERT_EQ(zq_tcpserver_set_address(other.get(), "127.0.0.1"), 0u);
+    EXPECT_EQ(zq_tcpserver_run(other.get()), 202u) << "the port is in use";
+    Lines lines = log.take();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines.back(), (LogLine{7, "unable to start the TCP server"}));
+    EXPECT_EQ(lines[lines.size() - 2], cannot_listen);
+    ASSERT_EQ(zq_tcpserver_set_address(other.get(), "no address"), 0u);
+    EXPECT_EQ(zq_tcpserver_start(other.get()), 202u);
+    EXPECT_TRUE(contains(log.take(), cannot_listen));
+
+    // A thread that cannot be started leaves a server that can.
+    zq_tcpserver_set_port(other.get(), 0);
+    ASSERT_EQ(zq_tcpserver_set_address(other.get(), "127.0.0.1"), 0u);
+    pthread_create_fault.arm(EAGAIN);
+    EXPECT_EQ(zq_tcpserver_start(other.get()), 12u);
+    pthread_create_fault.arm(0, 0);
+    EXPECT_EQ(log.take(), (Lines{{7, "pthread_create() returned error 11"},
+                                 {7, "unable to start the accept thread"}}));
+    ASSERT_EQ(zq_tcpserver_start(other.get()), 0u);
+    zq_tcpserver_stop(other.get());
+    zq_tcpserver_wait(other.get());
+}
+
+TEST(zqtcpserver, goes_on_after_failures_to_accept_and_to_start_threads)
+{
+    LogCapture log(9);
+    World world;
+    Server server(&world);
+    ASSERT_TRUE(server.is_running());
+    accept_fault.arm(EMFILE);
+    EXPECT_EQ(ask(server.port(), "ab"), "abab");
+    Lines lines = log.take();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), (LogLine{7, "accept returned 202 (generic error)"}));
+
+    pthread_create_fault.arm(EAGAIN);
+    EXPECT_EQ(ask(server.port(), "ab"), "") << "closed, but not served";
+    EXPECT_EQ(ask(server.port(), "cd"), "cdcd");
+    EXPECT_EQ(log.take(), (Lines{{7, "pthread_create() returned error 11"},
+                                 {7, "unable to start a thread for handling the connection"}}));
+    server.end();
+    EXPECT_EQ(world.served, 2);
+}
+
+TEST(zqtcpserver, lines_without_memory)
+{
+    if (!faults_injected()) {
+        expect_lines_without_memory(
+            "zqtcpserver.lines_without_memory",
+            {"[7] not enough memory for the zqtcpserver context",
+             "[7] unable to create the tcpserver connection mutex",
+             "[7] unable to create the tcpserver connection list",
+             "[7] unable to create the tcpserver finished list",
+             "[7] not enough memory for the listen address '127.0.0.1'",
+             "[7] not enough memory for thread context; [7] unable to create the accept thread",
+             "[7] unable to start the accept thread",
+             "[7] not enough memory for tcpserver connection structure",
+             "[7] not enough memory for thread context; "
+             "[7] unable to create a thread for handling the connection"});
+        return;
+    }
+    FaultLines lines(7);
+    World world;
+    zqtcpserver *server = zq_tcpserver_create();
+    lines.step();
+    ASSERT_TRUE(server);
+    Owned<zqtcpserver, zq_tcpserver_destroy> owner(server);
+    zq_tcpserver_set_callback(server, serve, &world);
+    while (zq_tcpserver_set_address(server, "127.0.0.1") != ZQ_ERROR_NONE) {
+    }
+    lines.step();
+    ASSERT_EQ(zq_tcpserver_start(server), 0u);
+    lines.step();
+    uint32_t port = 0;
+    if (zq_tcpserver_get_port(server, &port) == ZQ_ERROR_NONE)
+        ask(port, "x");
+    zq_tcpserver_stop(server);
+    zq_tcpserver_wait(server);
+}
+
+TEST(zqtcpserver, misuse)
+{
+    const char *source = "net/zqtcpserver", *null = "zqtcpserver != NULL";
+    uint32_t port;
+    Owned<zqtcpserver, zq_tcpserver_destroy> server(zq_tcpserver_create());
+    ASSERT_TRUE(server);
+    EXPECT_MISUSE(zq_tcpserver_set_port(server.get(), 65536), source, "zq_tcpserver_set_port",
+                  "port <= 65535");
+    EXPECT_MISUSE(zq_tcpserver_set_address(server.get(), nullptr), source,
+                  "zq_tcpserver_set_address", "address != NULL");
+    EXPECT_MISUSE(zq_tcpserver_get_port(server.get(), nullptr), source, "zq_tcpserver_get_port",
+                  "portptr != NULL");
+    EXPECT_MISUSE(zq_tcpserver_destroy(nullptr), source, "zq_tcpserver_destroy", null);
+    EXPECT_MISUSE(zq_tcpserver_set_address(nullptr, ""), source, "zq_tcpserver_set_address", null);
+    EXPECT_MISUSE(zq_tcpserver_set_port(nullptr, 1), source, "zq_tcpserver_set_port", null);
+    EXPECT_MISUSE(zq_tcpserver_set_callback(nullptr, serve, nullptr), source,
+                  "zq_tcpserver_set_callback", null);
+    EXPECT_MISUSE(zq_tcpserver_start(nullptr), source, "zq_tcpserver_start", null);
+    EXPECT_MISUSE(zq_tcpserver_run(nullptr), source, "zq_tcpserver_run", null);
+    EXPECT_MISUSE(zq_tcpserver_stop(nullptr), source, "zq_tcpserver_stop", null);
+    EXPECT_MISUSE(zq_tcpserver_wait(nullptr), source, "zq_tcpserver_wait", null);
+    EXPECT_MISUSE(zq_tcpserver_get_port(nullptr, &port), source, "zq_tcpserver_get_port", null);
+}
