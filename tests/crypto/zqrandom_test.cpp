@@ -18,6 +18,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/scratch.h"
 #include "zq/crypto/zqsha256.h"
+#include "zq/util/zqconvert.h"
 
 namespace {
 // While one lives, the only noise is what it gives: the files in `files`, and a clock that stands.
@@ -86,12 +87,8 @@ static std::string sha256(const std::string &message)
     zq_sha256_finalize(hash.get());
     unsigned char digest[32];
     zq_sha256_digest(hash.get(), digest);
-    std::string hex;
-    for (unsigned int byte : digest) {
-        hex += "0123456789abcdef"[byte >> 4];
-        hex += "0123456789abcdef"[byte & 15];
-    }
-    return hex;
+    ZqString hex(zq_bin2hex(digest, sizeof(digest)));
+    return hex ? hex.get() : "";
 }
 
 // The expected digests come from an independent implementation of the pool.

@@ -24,20 +24,21 @@ static std::string without_name(const std::string &text, const std::string &name
     return result;
 }
 
-static void expect_same(const Words &options, const Words &arguments, const std::string &input = "")
+// `algorithm` is "sha1" or "sha256".
+static void expect_same(const std::string &algorithm, const Words &options, const Words &arguments,
+                        const std::string &input = "")
 {
-    for (const std::string algorithm : {"sha1", "sha256"}) {
-        Words ours = {program, "-a", algorithm};
-        ours.insert(ours.end(), options.begin(), options.end());
-        Words theirs = {algorithm + "sum"};
-        ours.insert(ours.end(), arguments.begin(), arguments.end());
-        theirs.insert(theirs.end(), arguments.begin(), arguments.end());
-        Outcome actual = run(ours, input);
-        Outcome expected = run(theirs, input);
-        EXPECT_EQ(actual.out, expected.out);
-        EXPECT_EQ(without_name(actual.err, "zqsum"), without_name(expected.err, theirs[0]));
-        EXPECT_EQ(actual.status, expected.status);
-    }
+    const std::string tool = algorithm + "sum";
+    Words ours = {program, "-a", algorithm};
+    Words theirs = {"env", "LC_ALL=C", tool};
+    ours.insert(ours.end(), options.begin(), options.end());
+    ours.insert(ours.end(), arguments.begin(), arguments.end());
+    theirs.insert(theirs.end(), arguments.begin(), arguments.end());
+    Outcome actual = run(ours, input);
+    Outcome expected = run(theirs, input);
+    EXPECT_EQ(actual.out, expected.out);
+    EXPECT_EQ(without_name(actual.err, "zqsum"), without_name(expected.err, tool));
+    EXPECT_EQ(actual.status, expected.status);
 }
 
 TEST(zqsum, prints_what_coreutils_prints)
@@ -49,16 +50,18 @@ TEST(zqsum, prints_what_coreutils_prints)
     const std::string backslash = scratch.write("back\\slash", "x");
     const std::string lines = scratch.write("line\nfeed\\n\r", "x");
     const std::string big = scratch.write("big", std::string(1000000, 'b'));
-    expect_same({}, {});
-    expect_same({}, {}, "typed");
-    expect_same({}, {"-"}, "typed");
-    expect_same({}, {"-", plain}, "typed");
-    expect_same({}, {plain, "-", empty}, "typed");
-    expect_same({"-j", "2"}, {plain, "-", empty}, "typed");
-    expect_same({}, {"--", plain});
-    expect_same({}, {plain, empty, spaces, backslash, lines, big});
-    expect_same({}, {scratch.file("missing"), plain});
-    expect_same({"--jobs=4"}, {scratch.file("missing"), "/dev", plain});
+    for (const char *algorithm : {"sha1", "sha256"}) {
+        expect_same(algorithm, {}, {});
+        expect_same(algorithm, {}, {}, "typed");
+        expect_same(algorithm, {}, {"-"}, "typed");
+        expect_same(algorithm, {}, {"-", plain}, "typed");
+        expect_same(algorithm, {}, {plain, "-", empty}, "typed");
+        expect_same(algorithm, {"-j", "2"}, {plain, "-", empty}, "typed");
+        expect_same(algorithm, {}, {"--", plain});
+        expect_same(algorithm, {}, {plain, empty, spaces, backslash, lines, big});
+        expect_same(algorithm, {}, {scratch.file("missing"), plain});
+        expect_same(algorithm, {"--jobs=4"}, {scratch.file("missing"), "/dev", plain});
+    }
     EXPECT_EQ(run({program, plain}).out, run({"sha256sum", plain}).out) << "the default";
 }
 
@@ -68,7 +71,8 @@ TEST(zqsum, checks_lists_as_coreutils_does)
     const std::string good = scratch.write("good", "good");
     const std::string changed = scratch.write("changed", "old");
     const std::string escaped = scratch.write("line\nfeed\\", "x");
-    for (const std::string tool : {"sha1sum", "sha256sum"}) {
+    for (const std::string algorithm : {"sha1", "sha256"}) {
+        const std::string tool = algorithm + "sum";
         std::string digest = run({tool, good}).out;
         digest = digest.substr(0, digest.find(' '));
         std::string upper = digest;
@@ -88,11 +92,10 @@ TEST(zqsum, checks_lists_as_coreutils_does)
         for (const std::string &text : lists) {
             SCOPED_TRACE(text);
             const std::string list = scratch.write("list", text);
-            expect_same({}, {"-c", list});
-            expect_same({"--jobs=2"}, {"-c", list});
-            expect_same({"-j", "2"}, {"-c", list, scratch.file("missing"), list});
-            expect_same({}, {"-c", "-"}, text);
-            expect_same({}, {"-c"}, text);
+            expect_same(algorithm, {}, {"-c", list});
+            expect_same(algorithm, {"--jobs=2"}, {"-c", list});
+            expect_same(algorithm, {"-j", "2"}, {"-c", list, scratch.file("missing"), list});
+            expect_same(algorithm, {}, {"-c"}, text);
         }
         scratch.write("changed", "old");
     }
