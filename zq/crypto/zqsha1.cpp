@@ -23,8 +23,8 @@ static uint32_t zq_sha1_majority(uint32_t b, uint32_t c, uint32_t d)
     return (b & c) | (d & (b | c));
 }
 
-// The word of round `i`; the first sixteen are the block's own. Computed where it is used: a loop of
-// its own tempts compilers to vectorise it, which makes each step wait for the stores before it.
+// The word of round `i`; the first sixteen are the block's own. Computed where it is used: a loop
+// of its own tempts compilers to vectorise it, which makes each step wait for the stores before it.
 static uint32_t zq_sha1_word(uint32_t *schedule, int i)
 {
     uint32_t *word = schedule + i;
