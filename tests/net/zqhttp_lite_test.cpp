@@ -23,7 +23,7 @@ using Http = Owned<zqhttp, zq_http_destroy>;
 using Lines = std::vector<LogLine>;
 using Reports = std::vector<std::pair<int64_t, int64_t>>;
 
-/* ---- the system, as this test wants it ---- */
+// ---- the system, as this test wants it ----
 
 // Makes the waits of its lifetime, or the first few of them, time out at once by the fake clock.
 // What a server has to say before it falls silent is still waited for, for `grace` milliseconds;
@@ -76,7 +76,7 @@ extern "C" ssize_t send(int sock, const void *buffer, size_t size, int flags)
     return next(sock, buffer, size, flags);
 }
 
-/* ---- helpers ---- */
+// ---- helpers ----
 
 static std::string url_of(const ScriptedServer &server, const std::string &target = "/p")
 {
@@ -119,51 +119,34 @@ class zqhttp_lite : public testing::Test {
     Http http;
 };
 
-/* ---- requests ---- */
+// ---- requests ----
 
 TEST_F(zqhttp_lite, sends_exactly_these_bytes)
 {
     const struct {
-        const char *method;
-        const char *target;
+        const char *method, *target;
         std::vector<const char *> headers;
         std::string body;
-        std::string head;
+        const char *first, *rest;
     } rows[] = {
-        {"GET", "/p", {}, "", "GET /p HTTP/1.0\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\n\r\n"},
-        {"GET", "", {}, "", "GET / HTTP/1.0\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\n\r\n"},
-        {"GET",
-         "/a?b#c",
-         {"A: 1", "B: 2"},
-         "",
-         "GET /a?b#c HTTP/1.0\r\nHost: 127.0.0.1\r\nA: 1\r\nB: 2\r\nContent-Length: 0\r\n\r\n"},
-        {"POST",
-         "/p",
-         {},
-         std::string("x\0y", 3),
-         "POST /p HTTP/1.0\r\nHost: 127.0.0.1\r\nContent-Length: 3\r\n\r\n"},
-        {"PROPFIND",
-         "/p",
-         {"Content-Length: 3"},
-         "abc",
-         "PROPFIND /p HTTP/1.0\r\nHost: 127.0.0.1\r\nContent-Length: 3\r\n"
-         "Content-Length: 3\r\n\r\n"},
+        {"GET", "/p", {}, "", "GET /p", "Content-Length: 0"},
+        {"GET", "", {}, "", "GET /", "Content-Length: 0"},
+        {"GET", "/a?b#c", {"A: 1", "B: 2"}, "", "GET /a?b#c", "A: 1\r\nB: 2\r\nContent-Length: 0"},
+        {"POST", "/p", {}, std::string("x\0y", 3), "POST /p", "Content-Length: 3"},
+        {"X", "/", {"Content-Length: 3"}, "abc", "X /", "Content-Length: 3\r\nContent-Length: 3"},
         // Only this very line keeps the automatic header back.
-        {"PUT",
-         "/p",
-         {"content-LENGTH", "A: 1"},
-         "",
-         "PUT /p HTTP/1.0\r\nHost: 127.0.0.1\r\ncontent-LENGTH\r\nA: 1\r\n\r\n"},
+        {"PUT", "/p", {"content-LENGTH", "A: 1"}, "", "PUT /p", "content-LENGTH\r\nA: 1"},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.head);
+        SCOPED_TRACE(row.rest);
         ScriptedServer server("HTTP/1.0 200 OK\r\n\r\n");
         zq_http_set_method(http.get(), row.method);
         for (const char *header : row.headers)
             zq_http_lite_add_header(http.get(), header);
         zq_http_lite_set_request_body(http.get(), row.body.data(), row.body.size());
         EXPECT_EQ(get(http.get(), url_of(server, row.target)), ZQ_ERROR_NONE);
-        EXPECT_EQ(server.request(), row.head + row.body);
+        EXPECT_EQ(server.request(), std::string(row.first) + " HTTP/1.0\r\nHost: 127.0.0.1\r\n" +
+                                        row.rest + "\r\n\r\n" + row.body);
     }
 }
 
@@ -203,7 +186,7 @@ TEST_F(zqhttp_lite, url_body_and_headers_serve_one_exchange)
 
 TEST_F(zqhttp_lite, uploads_more_than_sockets_hold)
 {
-    std::string body(8 << 20, '\0');
+    std::string body(4 << 20, '\0');
     for (size_t i = 0; i < body.size(); i++)
         body[i] = static_cast<char>(i * i >> 7);
     ScriptedServer server("HTTP/1.0 200 OK\r\n\r\n");
@@ -239,72 +222,61 @@ TEST_F(zqhttp_lite, a_connection_may_break_at_any_write)
     send_fault.arm(0, 0);
 }
 
-/* ---- replies ---- */
+// ---- replies ----
 
-TEST_F(zqhttp_lite, replies)
+TEST_F(zqhttp_lite, delivers_replies)
 {
-    const LogLine cut = {7, "reading input line failed, error 204 (end of file)"};
-    const LogLine no_status = {7, "reading HTTP status code failed, error 204 (end of file)"};
-    const LogLine no_headers = {7, "unable to read HTTP headers, error 204 (end of file)"};
+    const std::string ok = "HTTP/1.1 200 OK\r\n";
     const struct {
-        const char *reply;
-        zqerror result;
+        std::string reply;
         int32_t status;
         const char *body;
-        Lines log = {};
     } rows[] = {
-        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello", 0, 200, "hello"},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello, world", 0, 200, "hello"},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 50\r\n\r\nhello", 0, 200, "hello"},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\nhello", 0, 200, "(none)"},
-        {"HTTP/1.1 200 OK\r\n\r\nhello", 0, 200, "hello"},
-        {"HTTP/1.0 200\n\nhello", 0, 200, "hello"},
-        {"HTTP/9.x 404 Not Found\r\n\r\n", 0, 404, "(none)"},
-        {"HTTP/1.1 204 No Content\r\n\r\n", 0, 204, "(none)"},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 3000000000\r\n\r\nhello", 0, 200, "hello"},
-        {"HTTP/1.1 200 OK\r\nContent-Length: -5\r\n\r\nhello",
-         0,
-         200,
-         "hello",
-         {{6, "the Content-Length header contains a value '-5' with non-digits"},
-          {6, "considering the content length unknown"}}},
-        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n", 0, 200,
-         "5\r\nhello\r\n0\r\n\r\n"},
-        {"HTTP/  \r\n\r\n", 0, 0, "(none)"},
-        {"HTTP/1.1 99999999999999999999 OK\r\n\r\n", 0, 1661992959, "(none)"}, // wraps
-        {"HTTP/1.1 20x OK\r\n\r\n",
-         ZQ_ERROR_PROTOCOL,
-         0,
-         "(none)",
-         {{6, "Invalid result code digit 'x' in response 'HTTP/1.1 20x OK'"}}},
-        {"HTTP/1.1\r\n\r\n",
-         ZQ_ERROR_PROTOCOL,
-         0,
-         "(none)",
-         {{6, "The HTTP response 'HTTP/1.1' did not have the result code"}}},
-        {"ICY 200 OK\r\n\r\n",
-         ZQ_ERROR_PROTOCOL,
-         0,
-         "(none)",
-         {{6, "The HTTP response 'ICY 200 OK' did not start with 'HTTP/'"}}},
-        {"", ZQ_ERROR_END_OF_FILE, 0, "(none)", {cut, no_status}},
-        {"HTTP/1.1 200 OK\r\nA: 1\r\n", ZQ_ERROR_END_OF_FILE, 200, "(none)", {cut, no_headers}},
-        {"HTTP/1.1 200 OK\r\nno colon\r\n\r\n",
-         0,
-         200,
-         "(none)",
-         {{6, "header 'no colon' without a colon"}}},
+        {ok + "Content-Length: 5\r\n\r\nhello", 200, "hello"},
+        {ok + "Content-Length: 5\r\n\r\nhello, world", 200, "hello"},
+        {ok + "Content-Length: 50\r\n\r\nhello", 200, "hello"},
+        {ok + "Content-Length: 0\r\n\r\nhello", 200, "(none)"},
+        {ok + "Content-Length: 3000000000\r\n\r\nhello", 200, "hello"},
+        {ok + "Content-Length: -5\r\n\r\nhello", 200, "hello"},
+        {ok + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n", 200, "5\r\nhello\r\n"},
+        {ok + "\r\nhello", 200, "hello"},
+        {"HTTP/1.0 200\n\nhello", 200, "hello"},
+        {"HTTP/9.x 404 Not Found\r\n\r\n", 404, "(none)"},
+        {"HTTP/1.1 204 No Content\r\n\r\n", 204, "(none)"},
+        {"HTTP/  \r\n\r\n", 0, "(none)"},
+        {"HTTP/1.1 99999999999999999999 OK\r\n\r\n", 1661992959, "(none)"}, // wraps
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.reply);
         for (size_t piece : {0u, 1u}) {
             ScriptedServer server(row.reply, piece);
-            log.take();
-            EXPECT_EQ(get(http.get(), url_of(server)), row.result);
-            EXPECT_EQ(log.take(), row.log);
+            EXPECT_EQ(get(http.get(), url_of(server)), ZQ_ERROR_NONE);
             EXPECT_EQ(zq_http_get_status_code(http.get()), row.status);
             EXPECT_EQ(body_of(http.get()), row.body);
         }
+    }
+}
+
+TEST_F(zqhttp_lite, rejects_replies)
+{
+    const LogLine cut = {7, "reading input line failed, error 204 (end of file)"};
+    const LogLine no_status = {7, "reading HTTP status code failed, error 204 (end of file)"};
+    const LogLine no_headers = {7, "unable to read HTTP headers, error 204 (end of file)"};
+    const std::pair<const char *, Lines> rows[] = {
+        {"HTTP/1.1 20x OK\r\n\r\n",
+         {{6, "Invalid result code digit 'x' in response 'HTTP/1.1 20x OK'"}}},
+        {"HTTP/1.1\r\n\r\n", {{6, "The HTTP response 'HTTP/1.1' did not have the result code"}}},
+        {"ICY 200 OK\r\n\r\n", {{6, "The HTTP response 'ICY 200 OK' did not start with 'HTTP/'"}}},
+        {"", {cut, no_status}},
+        {"HTTP/1.1 200 OK\r\nA: 1\r\n", {cut, no_headers}},
+    };
+    for (const auto &[reply, lines] : rows) {
+        SCOPED_TRACE(reply);
+        ScriptedServer server(reply);
+        log.take();
+        const zqerror expected = lines[0] == cut ? ZQ_ERROR_END_OF_FILE : ZQ_ERROR_PROTOCOL;
+        EXPECT_EQ(get(http.get(), url_of(server)), expected);
+        EXPECT_EQ(log.take(), lines);
     }
 }
 
@@ -313,6 +285,7 @@ TEST_F(zqhttp_lite, header_values_are_trimmed_of_leading_spaces_only)
     ScriptedServer server("HTTP/1.0 200 OK\r\nA:   1 \t\r\nB:\t2\r\nC\r\n d: x:y\r\nA : 3\r\n"
                           "E:\r\n\r\n");
     EXPECT_EQ(get(http.get(), url_of(server)), ZQ_ERROR_NONE);
+    EXPECT_EQ(log.take(), (Lines{{6, "header 'C' without a colon"}}));
     const std::pair<const char *, const char *> rows[] = {
         {"a", "1 \t"}, {"B", "\t2"}, {"c", nullptr}, {" D", "x:y"}, {"a ", "3"}, {"e", ""}};
     for (const auto &[name, value] : rows)
@@ -343,104 +316,77 @@ TEST_F(zqhttp_lite, an_announced_length_needs_no_end_of_the_stream)
 
 TEST_F(zqhttp_lite, lines_have_4096_bytes)
 {
-    for (bool status : {false, true}) {
-        for (size_t len : {4096u, 4097u, 5000u}) {
-            SCOPED_TRACE(len);
-            std::string line = status ? "HTTP/1.0 200 " : "A:";
-            line += std::string(len - line.size() - 2, 'x') + "\r\n";
-            ScriptedServer server((status ? "" : "HTTP/1.0 200 OK\r\n") + line + "\r\n");
-            log.take();
-            const zqerror result = get(http.get(), url_of(server));
-            if (len == 4096) {
-                EXPECT_EQ(result, ZQ_ERROR_NONE);
-                if (const char *a = zq_http_get_response_header(http.get(), "a")) {
-                    EXPECT_EQ(a, std::string(len - 4, 'x'));
-                }
-                continue;
-            }
+    const LogLine too_long = {6, "input line was too long to fit the buffer (4096 bytes)"};
+    for (size_t len : {4096u, 4097u, 5000u}) {
+        SCOPED_TRACE(len);
+        const std::string line = "A:" + std::string(len - 4, 'x') + "\r\n";
+        ScriptedServer server("HTTP/1.0 200 OK\r\n" + line + "\r\n");
+        log.take();
+        const zqerror result = get(http.get(), url_of(server));
+        if (len > 4096) {
             EXPECT_EQ(result, ZQ_ERROR_MESSAGE_TOO_LONG);
-            EXPECT_EQ(log.take(),
-                      (Lines{{6, "input line was too long to fit the buffer (4096 bytes)"},
-                             {7, std::string(status ? "reading HTTP status code failed"
-                                                    : "unable to read HTTP headers") +
-                                     ", error 90 (message too long)"}}));
+            const LogLine last = {7, "unable to read HTTP headers, error 90 (message too long)"};
+            EXPECT_EQ(log.take(), (Lines{too_long, last}));
+        } else if (const char *value = zq_http_get_response_header(http.get(), "a")) {
+            EXPECT_EQ(value, line.substr(2, len - 4));
         }
     }
+    ScriptedServer server("HTTP/1.0 200 " + std::string(5000, 'x') + "\r\n\r\n");
+    EXPECT_EQ(get(http.get(), url_of(server)), ZQ_ERROR_MESSAGE_TOO_LONG);
+    const LogLine last = {7, "reading HTTP status code failed, error 90 (message too long)"};
+    EXPECT_EQ(log.take(), (Lines{too_long, last}));
 }
 
 TEST_F(zqhttp_lite, rejects_what_it_cannot_fetch)
 {
     const std::string refused = "http://127.0.0.1:" + std::to_string(free_port()) + "/";
-    const struct {
-        std::string url;
-        zqerror result;
-        LogLine last;
-    } rows[] = {
-        {"https://x/", ZQ_ERROR_UNSUPPORTED, {6, "the URL 'https://x/' must start with http://"}},
-        {"HTTP://x/", ZQ_ERROR_UNSUPPORTED, {6, "the URL 'HTTP://x/' must start with http://"}},
-        {"http://h:99999/",
-         ZQ_ERROR_INVALID_ARGUMENT,
-         {6, "the port number must be between 1-65535"}},
-        {refused,
-         ZQ_ERROR_CONNECTION_REFUSED,
-         {7, "connection failed, error 111 (connection refused)"}},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.url);
-        log.take();
-        EXPECT_EQ(get(http.get(), row.url), row.result);
-        const Lines lines = log.take();
-        ASSERT_FALSE(lines.empty());
-        EXPECT_EQ(lines.back(), row.last);
-    }
+    EXPECT_EQ(get(http.get(), "https://x/"), ZQ_ERROR_UNSUPPORTED);
+    EXPECT_EQ(get(http.get(), "HTTP://x/"), ZQ_ERROR_UNSUPPORTED);
+    EXPECT_EQ(get(http.get(), "http://h:99999/"), ZQ_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(log.take(), (Lines{{6, "the URL 'https://x/' must start with http://"},
+                                 {6, "the URL 'HTTP://x/' must start with http://"},
+                                 {6, "the port number must be between 1-65535"}}));
+    EXPECT_EQ(get(http.get(), refused), ZQ_ERROR_CONNECTION_REFUSED);
+    const Lines lines = log.take();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), (LogLine{7, "connection failed, error 111 (connection refused)"}));
 }
 
-/* ---- time ---- */
+// ---- time ----
 
 TEST_F(zqhttp_lite, a_silent_server_is_given_up)
 {
     const LogLine full = {7, "the full transfer timer expired"};
     const LogLine idle = {7, "idle timeout occurred"};
     const struct {
-        const char *reply;  // and then silence
-        int32_t full, idle; // seconds
-        zqerror result;
+        const char *reply; // and then silence
+        int32_t seconds;   // for the whole transfer
         Lines log;
     } rows[] = {
         {"",
          2,
-         30,
-         ZQ_ERROR_TIMER_EXPIRED,
          {full,
           {7, "reading input line failed, error 62 (timer expired)"},
           {7, "reading HTTP status code failed, error 62 (timer expired)"}}},
         {"HTTP/1.0 200 OK\r\nA: ",
          -1,
-         30,
-         ZQ_ERROR_TIMED_OUT,
          {idle,
           {7, "reading input line failed, error 201 (timed out)"},
           {7, "unable to read HTTP headers, error 201 (timed out)"}}},
         {"HTTP/1.0 200 OK\r\n\r\n",
          600,
-         30,
-         ZQ_ERROR_TIMER_EXPIRED,
          {full, {7, "unable to read more body information, error 62 (timer expired)"}}},
         // What came with the headers is delivered after the wait for more.
-        {"HTTP/1.0 200 OK\r\n\r\nhello",
-         600,
-         30,
-         ZQ_ERROR_TIMER_EXPIRED,
-         {full, {7, "a timeout occurred"}}},
+        {"HTTP/1.0 200 OK\r\n\r\nhello", 600, {full, {7, "a timeout occurred"}}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.reply);
         ScriptedServer server(row.reply, 0, ScriptedServer::STALL);
-        SkippedWaits waits(INT_MAX, 100);
-        zq_http_set_timeout(http.get(), row.full, 0);
-        zq_http_set_idle_timeout(http.get(), row.idle, 0);
+        SkippedWaits waits(INT_MAX, 50);
+        zq_http_set_timeout(http.get(), row.seconds, 0);
         log.take();
-        EXPECT_EQ(get(http.get(), url_of(server)), row.result);
+        const zqerror expected = row.seconds < 0 ? ZQ_ERROR_TIMED_OUT : ZQ_ERROR_TIMER_EXPIRED;
+        EXPECT_EQ(get(http.get(), url_of(server)), expected);
         EXPECT_EQ(log.take(), row.log);
     }
 }
@@ -519,7 +465,7 @@ TEST_F(zqhttp_lite, the_transfer_limit_starts_afresh_with_each_read_of_the_body)
     EXPECT_EQ(log.take(), (Lines{{7, "idle timeout occurred"}, {7, "a timeout occurred"}}));
 }
 
-/* ---- abort ---- */
+// ---- abort ----
 
 TEST_F(zqhttp_lite, aborts_wherever_a_callback_says_so)
 {
@@ -583,7 +529,7 @@ TEST_F(zqhttp_lite, a_body_callback_ends_the_transfer)
               (Lines{{7, "the write callback did not accept the data, error 204 (end of file)"}}));
 }
 
-/* ---- resources and misuse ---- */
+// ---- resources and misuse ----
 
 TEST_F(zqhttp_lite, every_exchange_closes_its_connection)
 {

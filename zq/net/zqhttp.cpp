@@ -85,7 +85,7 @@ struct zqhttp {
     zq_http_perform_callback perform_callback;
 };
 
-/* ---- URLs ---- */
+// ---- URLs ----
 
 // Finds the host in the authority that begins at `start`. Where it ends is a ':' before the port,
 // or the end of the authority. Only '/' ends that: "h?x" is a host, and IPv6 literals have too many
@@ -217,7 +217,7 @@ zqerror zq_http_parse_url(const char *url, char **schemeptr, char **hostnameptr,
     return result;
 }
 
-/* ---- life ---- */
+// ---- life ----
 
 static void zq_http_destroy_timeout(zqtimeout *zqtimeout)
 {
@@ -305,7 +305,7 @@ zqerror zq_http_reset(zqhttp *zqhttp)
     return result;
 }
 
-/* ---- settings ---- */
+// ---- settings ----
 
 zqerror zq_http_set_proxy(zqhttp *zqhttp, const char *hostname, uint32_t port)
 {
@@ -320,7 +320,7 @@ zqerror zq_http_set_proxy(zqhttp *zqhttp, const char *hostname, uint32_t port)
     }
     zq_free(zqhttp->proxyhostname);
     zqhttp->proxyhostname = copy;
-    zqhttp->proxyport = port;
+    zqhttp->proxyport = hostname ? port : 0;
     return ZQ_ERROR_NONE;
 }
 
@@ -516,7 +516,7 @@ void zq_http_set_progress_callbacks(zqhttp *zqhttp, zq_http_progress_callback up
     zq_http_set_download_progress_callback(zqhttp, downcallback, downcontext);
 }
 
-/* ---- the transfer ---- */
+// ---- the transfer ----
 
 static void zq_http_begin_transfer(zqhttp *zqhttp)
 {
@@ -654,7 +654,7 @@ int zq_http_is_aborted(zqhttp *zqhttp)
     return zqhttp->aborted;
 }
 
-/* ---- the response ---- */
+// ---- the response ----
 
 int32_t zq_http_get_status_code(zqhttp *zqhttp)
 {
@@ -737,7 +737,7 @@ zqerror zq_http_get_response_body_and_size(zqhttp *zqhttp, void **bodyptr, size_
     return ZQ_ERROR_NONE;
 }
 
-/* ---- downloads in one call ---- */
+// ---- downloads in one call ----
 
 static zqerror zq_http_write_to_file(const void *data, size_t size, void *context)
 {
@@ -803,7 +803,7 @@ zqerror zq_http_generic_get_url_to_file(const char *url, const char *filename,
     return result;
 }
 
-/* ---- for transports: the implementation ---- */
+// ---- for transports: the implementation ----
 
 void zq_http_set_context(zqhttp *zqhttp, void *context)
 {
@@ -847,7 +847,7 @@ void zq_http_set_perform_callback(zqhttp *zqhttp, zq_http_perform_callback callb
     zqhttp->perform_callback = callback;
 }
 
-/* ---- for transports: reporting the response ---- */
+// ---- for transports: reporting the response ----
 
 void zq_http_set_status_code(zqhttp *zqhttp, int32_t code)
 {
@@ -966,7 +966,7 @@ zqerror zq_http_write_response_body(zqhttp *zqhttp, const void *data, size_t siz
     return result;
 }
 
-/* ---- for transports: time and progress ---- */
+// ---- for transports: time and progress ----
 
 // Lowers *left to what is left of a timeout. True when that has expired.
 static bool zq_http_take_time_left(zqtimeout *zqtimeout, time_left *left)

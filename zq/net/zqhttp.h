@@ -120,7 +120,8 @@ ZQ_API zqerror zq_http_set_method(zqhttp *zqhttp, const char *method);
 ZQ_API const char *zq_http_get_method(zqhttp *zqhttp);
 
 /* zq_http_set_response_body_callback streams the body to the callback instead of keeping it in
- * memory; null for memory. */
+ * memory; null for memory. Large bodies are better streamed: in memory they grow piece by piece, to
+ * their exact size each time. */
 ZQ_API void zq_http_set_response_body_callback(zqhttp *zqhttp,
                                                zq_http_response_body_callback callback,
                                                void *context);

@@ -40,7 +40,7 @@ struct http_lite {
 
 } // namespace
 
-/* ---- life ---- */
+// ---- life ----
 
 static void zq_http_lite_header_destroy(http_lite_header *header)
 {
@@ -101,7 +101,7 @@ static zqerror zq_http_lite_url_callback(zqhttp *zqhttp, const char *url)
     return ZQ_ERROR_NONE;
 }
 
-/* ---- steps ---- */
+// ---- steps ----
 
 template <int level>
 static zqerror zq_http_lite_check_aborted(zqhttp *zqhttp)
@@ -131,7 +131,7 @@ static zqerror zq_http_lite_handle_error(zqhttp *zqhttp, zqhandle *zqhandle)
     return result == ZQ_ERROR_TIMED_OUT ? zq_http_timeout_check(zqhttp, nullptr, nullptr) : result;
 }
 
-/* ---- connecting ---- */
+// ---- connecting ----
 
 static zqerror zq_http_lite_wait_in_progress(zqhttp *zqhttp, zqhandle *zqhandle)
 {
@@ -204,7 +204,7 @@ static zqerror zq_http_lite_connect(zqhttp *zqhttp, http_lite *http, const char 
     return result;
 }
 
-/* ---- sending ---- */
+// ---- sending ----
 
 static zqerror zq_http_lite_limit_send(zqhttp *zqhttp, zqhandle *zqhandle)
 {
@@ -360,7 +360,7 @@ static zqerror zq_http_lite_send_request(zqhttp *zqhttp, http_lite *http, const 
     return result == ZQ_ERROR_NONE ? zq_http_lite_check_aborted<10>(zqhttp) : result;
 }
 
-/* ---- receiving ---- */
+// ---- receiving ----
 
 // Lets the next read of a line last no longer than the transfer may.
 static zqerror zq_http_lite_limit_read(zqhttp *zqhttp, zqhandle *zqhandle)
@@ -581,7 +581,7 @@ static zqerror zq_http_lite_read_body(zqhttp *zqhttp, http_lite *http)
     return result == ZQ_ERROR_NONE ? zq_http_lite_check_aborted<7>(zqhttp) : result;
 }
 
-/* ---- the exchange ---- */
+// ---- the exchange ----
 
 // Each step runs only when the one before it has succeeded.
 static zqerror zq_http_lite_exchange(zqhttp *zqhttp, http_lite *http, const char *hostname,
@@ -649,7 +649,7 @@ static zqerror zq_http_lite_perform_callback(zqhttp *zqhttp)
     return result;
 }
 
-/* ---- the public functions ---- */
+// ---- the public functions ----
 
 zqhttp *zq_http_lite_create(void)
 {
