@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "examples/support/json_path.h"
+#include "examples/support/route.h"
 #include "zq/zq.h"
 
 /* The exit statuses; a script can tell what went wrong. */
@@ -186,6 +187,20 @@ static zqerror save_piece(const void *data, size_t size, void *context)
     return ZQ_ERROR_NONE;
 }
 
+/* Asked before each attempt, so also for the host that a redirect leads to. */
+static zqerror check_route(zqhttp *http, const char *scheme, const char *host, uint32_t port,
+                           void *context)
+{
+    (void) scheme;
+    (void) context;
+    const char *proxy;
+    uint32_t proxy_port;
+    zq_http_get_proxy(http, &proxy, &proxy_port);
+    if (proxy)
+        return example_check_route(proxy, proxy_port);
+    return example_check_route(host, port);
+}
+
 static int set_proxy(zqhttp *http, const char *proxy)
 {
     const char *colon = strrchr(proxy, ':');
@@ -283,11 +298,10 @@ static int print_json_value(struct download *download, const struct settings *se
     result = EXIT_JSON;
     if (zq_http_get_response_body(download->http, &body) == ZQ_ERROR_NONE)
         json = zq_json_create();
-    if (json && zq_json_parse(json, body) == 0 &&
-        example_json_print(json, settings->path_count, settings->path) == 0)
+    if (!json || zq_json_parse(json, body) != 0)
+        fprintf(stderr, "zqget: %s: not a JSON document\n", settings->url);
+    else if (example_json_print(json, settings->path_count, settings->path) == 0)
         result = EXIT_DONE;
-    if (result != EXIT_DONE)
-        fprintf(stderr, "zqget: %s: not JSON, or no such value in it\n", settings->url);
     if (json)
         zq_json_destroy(json);
     zq_free(body);
@@ -349,6 +363,7 @@ static int get(const struct settings *settings)
         download.show_progress = !settings->quiet && !to_terminal && isatty(STDERR_FILENO);
         zq_http_set_timeout(download.http, settings->timeout, 0);
         zq_http_set_idle_timeout(download.http, settings->idle, 0);
+        zq_http_set_proxy_callback(download.http, check_route, NULL);
         zq_http_set_download_progress_callback(download.http, show_progress, &download);
         if (settings->head)
             result = print_head(&download, settings);

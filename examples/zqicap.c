@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "examples/support/route.h"
 #include "zq/zq.h"
 
 enum {
@@ -206,15 +207,21 @@ static int perform(zqicap *icap, const struct settings *settings)
     return save_body(icap, settings->output);
 }
 
-/* An unusable URL is told before anything is sent; a scheme without a port has no service. */
+/* What is unusable is told before anything is sent; a scheme without a port has no service. */
 static int check_url(const char *url)
 {
     uint32_t port = 0;
-    zqerror error = zq_http_parse_url(url, NULL, NULL, &port, NULL);
-    if (error == ZQ_ERROR_NONE && port > 0)
+    char *host = NULL;
+    zqerror error = zq_http_parse_url(url, NULL, &host, &port, NULL);
+    if (error == ZQ_ERROR_NONE && port == 0)
+        error = ZQ_ERROR_INVALID_ARGUMENT;
+    if (error == ZQ_ERROR_NONE)
+        error = example_check_route(host, port);
+    zq_free(host);
+    if (error == ZQ_ERROR_NONE)
         return EXIT_DONE;
-    fprintf(stderr, "zqicap: %s: %s\n", url, zq_error_string(ZQ_ERROR_INVALID_ARGUMENT));
-    return EXIT_URL;
+    fprintf(stderr, "zqicap: %s: %s\n", url, zq_error_string(error));
+    return exit_status(error);
 }
 
 static int ask(const struct settings *settings)

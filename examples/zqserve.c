@@ -454,14 +454,13 @@ static int serve_request(zqhandle *handle)
     return done;
 }
 
-static zqerror serve_connection(zqtcpserver *tcpserver, zqhandle *handle, void *context)
+static void serve_connection(zqtcpserver *tcpserver, zqhandle *handle, void *context)
 {
     (void) tcpserver;
     (void) context;
     zq_handle_set_write_timeout(handle, ANSWER_TIMEOUT, 0);
     while (serve_request(handle) == 0) {
     }
-    return ZQ_ERROR_NONE;
 }
 
 /* ---- the server ---- */

@@ -14,6 +14,6 @@ static std::string quoted(const std::string &text)
 std::string misuse_report(const std::string &source, const std::string &function,
                           const std::string &expression)
 {
-    return quoted(source) + ":[0-9]+: " + quoted(function) + ": assertion \"" +
-           quoted(expression) + "\" failed";
+    return quoted(source) + ":[0-9]+: " + quoted(function) + ": assertion \"" + quoted(expression) +
+           "\" failed";
 }

@@ -15,8 +15,7 @@ std::ostream &operator<<(std::ostream &out, const LogLine &line);
 
 // Catches the lines of the default log, as severe as `level` or more, for its lifetime, and keeps
 // standard error quiet.
-class LogCapture
-{
+class LogCapture {
   public:
     explicit LogCapture(int level = 10);
     ~LogCapture();

@@ -15,8 +15,7 @@ struct Outcome {
 Outcome run(const std::vector<std::string> &command, const std::string &input = "");
 
 // A program in the background, ended by its own pid at the latest when the object goes.
-class Process
-{
+class Process {
   public:
     explicit Process(const std::vector<std::string> &command, const std::string &output_file = "");
     ~Process();

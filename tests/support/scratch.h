@@ -4,8 +4,7 @@
 #include <string>
 
 // A fresh directory of the test's own, removed with all its contents at the end.
-class Scratch
-{
+class Scratch {
   public:
     Scratch();
     ~Scratch();

@@ -1,0 +1,147 @@
+#include "tests/support/zqserve.h"
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+static void write(const std::string &path, const std::string &content)
+{
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+// What curl makes of a request, as "status type\nbody".
+static std::string curl(const std::string &url, const std::vector<std::string> &options = {})
+{
+    std::vector<std::string> command = {"curl",
+                                        "-s",
+                                        "--path-as-is",
+                                        "--max-time",
+                                        "20",
+                                        "-w",
+                                        "%{stderr}%{http_code} %{content_type}"};
+    command.insert(command.end(), options.begin(), options.end());
+    command.push_back(url);
+    Outcome outcome = run(command);
+    return outcome.err + "\n" + outcome.out;
+}
+
+TEST(zqserve, answers_requests)
+{
+    Zqserve server;
+    ASSERT_FALSE(server.url().empty());
+    write(server.www() + "/index.html", "<p>home");
+    write(server.www() + "/docs/a b.txt", "text");
+    write(server.www() + "/docs/x&<y>.bin", "bin");
+    write(server.www() + "/../outside.txt", "secret");
+    write(server.www() + "/data/index.json", "{}");
+    fs::create_symlink("../outside.txt", server.www() + "/link.txt");
+
+    const std::string html = "text/html; charset=utf-8\n";
+    const std::string text = "text/plain; charset=utf-8\n";
+    const struct {
+        std::string target;
+        std::vector<std::string> options;
+        std::string answer;
+    } rows[] = {
+        {"/", {}, "200 " + html + "<p>home"},
+        {"/?query", {}, "200 " + html + "<p>home"},
+        {"/index.html", {"-I", "-o", "/dev/null"}, "200 " + html},
+        {"/docs/a%20b.txt", {}, "200 " + text + "text"},
+        {"/docs/a%20b.txt", {"-r", "1-2"}, "200 " + text + "text"},
+        {"/docs", {}, "301 " + text + "301 Moved Permanently\n"},
+        {"/docs?q", {"-L"}, ""},
+        {"/data", {"-L"}, "200 application/json\n{}"},
+        {"/missing", {}, "404 " + text + "404 Not Found\n"},
+        {"/index.html/", {}, "404 " + text + "404 Not Found\n"},
+        {"/link.txt", {}, "404 " + text + "404 Not Found\n"},
+        {"/", {"-d", "x"}, "405 " + text + "405 Method Not Allowed\n"},
+        {"/", {"-X", "DELETE"}, "405 " + text + "405 Method Not Allowed\n"},
+        {"/../outside.txt", {}, "400 " + text + "400 Bad Request\n"},
+        {"/%2e%2e/outside.txt", {}, "400 " + text + "400 Bad Request\n"},
+        {"/docs/..%2f../outside.txt", {}, "400 " + text + "400 Bad Request\n"},
+        {"/%00", {}, "400 " + text + "400 Bad Request\n"},
+        {"/%zz", {}, "400 " + text + "400 Bad Request\n"},
+        {"/" + std::string(9000, 'a'), {}, "400 " + text + "400 Bad Request\n"},
+    };
+    for (const auto &row : rows) {
+        if (!row.answer.empty()) {
+            EXPECT_EQ(curl(server.url() + row.target, row.options), row.answer) << row.target;
+        }
+    }
+    std::string listing = curl(server.url() + "/docs?q", {"-L"});
+    EXPECT_NE(listing.find("<a href=\"./a%20b.txt\">a b.txt</a>"), std::string::npos) << listing;
+    EXPECT_NE(listing.find("<a href=\"./x%26%3Cy%3E.bin\">x&amp;&lt;y&gt;.bin</a>"),
+              std::string::npos)
+        << listing;
+    EXPECT_EQ(server.stop(SIGTERM), 0);
+    EXPECT_NE(server.access_log().find(" GET /docs/a%20b.txt 200 4\n"), std::string::npos)
+        << server.access_log();
+}
+
+TEST(zqserve, keeps_connections_and_serves_wget)
+{
+    Zqserve server;
+    write(server.www() + "/a.txt", "first");
+    write(server.www() + "/b.txt", "second");
+    Outcome outcome = run(
+        {"curl", "-s", "-w", "%{num_connects}", server.url() + "/a.txt", server.url() + "/b.txt"});
+    EXPECT_EQ(outcome.out, "first1second0");
+    EXPECT_EQ(run({"wget", "-q", "-O", "-", server.url() + "/a.txt"}).out, "first");
+}
+
+TEST(zqserve, finishes_what_is_running_when_stopped)
+{
+    Zqserve server;
+    write(server.www() + "/large.bin", std::string(12 << 20, 'x'));
+    std::string answer;
+    std::thread client([&] {
+        answer = run({"curl", "-s", "--limit-rate", "12M", "-o", "/dev/null", "-w",
+                      "%{size_download}", server.url() + "/large.bin"})
+                     .out;
+    });
+    usleep(300000);
+    EXPECT_EQ(server.stop(SIGINT), 0);
+    client.join();
+    EXPECT_EQ(answer, std::to_string(12 << 20));
+}
+
+TEST(zqserve, holds_64_connections)
+{
+    Zqserve server;
+    write(server.www() + "/a.txt", std::string(1000, 'x'));
+    Outcome outcome = run({"wrk", "-t", "2", "-c", "64", "-d", "2s", server.url() + "/a.txt"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_NE(outcome.out.find("Requests/sec"), std::string::npos) << outcome.out;
+    EXPECT_EQ(outcome.out.find("Socket errors"), std::string::npos) << outcome.out;
+    EXPECT_EQ(outcome.out.find("Non-2xx"), std::string::npos) << outcome.out;
+    EXPECT_EQ(server.stop(SIGTERM), 0);
+}
+
+TEST(zqserve, refuses_what_it_cannot_serve)
+{
+    Scratch scratch;
+    const struct {
+        std::vector<std::string> arguments;
+        int status;
+        std::string error;
+    } rows[] = {
+        {{"/nonexistent"},
+         1,
+         "zqserve: unable to serve '/nonexistent': No such file or directory\n"},
+        {{scratch.path(), "--port", "70000"}, 2, "zqserve: a port is a number from 0 to 65535\n"},
+    };
+    for (const auto &row : rows) {
+        std::vector<std::string> command = {example("zqserve")};
+        command.insert(command.end(), row.arguments.begin(), row.arguments.end());
+        Outcome outcome = run(command);
+        EXPECT_EQ(outcome.status, row.status);
+        EXPECT_EQ(outcome.err, row.error);
+    }
+    EXPECT_EQ(run({example("zqserve")}).status, 2);
+    EXPECT_EQ(run({example("zqserve"), "--help"}).status, 0);
+}
