@@ -20,7 +20,8 @@ ZQ_API int zq_mkdir(const char *pathname);
  *                                  as the system says
  *   ZQ_ERROR_GENERIC               anything else, with its number logged
  * A link to a directory counts as no directory at the end of the path (ZQ_ERROR_EXISTS), and as
- * one on the way. Directories made before a failure stay. */
+ * one on the way. A file's name with a slash after it gives ZQ_ERROR_NONE where mkdir() finds that
+ * it exists. Directories made before a failure stay. */
 ZQ_API zqerror zq_mkdir_recursive(const char *pathname);
 
 /* zq_mkdir_file_path makes the directories that are missing above a file: everything before the
