@@ -45,13 +45,11 @@ T *list_take_first(zqlist *list)
 
 // The items from head to tail; the body of the loop may unlink or destroy the item it was given.
 template <class T>
-class list_items
-{
+class list_items {
   public:
     explicit list_items(const zqlist *list) : head(list->head) {}
 
-    class iterator
-    {
+    class iterator {
       public:
         explicit iterator(zqlistlink *link) : current(link), next(link ? link->next : nullptr) {}
         T *operator*() const { return static_cast<T *>(current); }

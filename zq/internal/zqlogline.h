@@ -9,8 +9,8 @@
 extern std::atomic<int> zq_log_default_threshold;
 
 // The four calls of the macro path, in one place.
-[[gnu::cold]] void zq_log_line(unsigned int level, const char *file, int line, const char *format, ...)
-    ZQ_PRINTF(4, 5);
+[[gnu::cold]] void zq_log_line(unsigned int level, const char *file, int line, const char *format,
+                               ...) ZQ_PRINTF(4, 5);
 
 // A place in a source, for a helper that reports in the name of its caller.
 struct log_place {

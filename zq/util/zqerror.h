@@ -54,8 +54,7 @@ typedef uint32_t zqerror;
 
 #define ZQ_ERROR_ENUM_ROW(constant, number, text) constant = number,
 enum {
-    ZQ_ERROR_TABLE(ZQ_ERROR_ENUM_ROW)
-    ZQ_ERROR_COUNT = 215 /* one past the largest code */
+    ZQ_ERROR_TABLE(ZQ_ERROR_ENUM_ROW) ZQ_ERROR_COUNT = 215 /* one past the largest code */
 };
 #undef ZQ_ERROR_ENUM_ROW
 

@@ -10,7 +10,8 @@ ZQ_BEGIN_DECLS
  * "zqmallocfail.db" in the working directory, and succeed from then on; running a program again
  * until the file stops growing walks through all of its allocation failures. */
 
-/* zq_mallocfail_malloc returns null when the calling path has not failed before, else malloc(size). */
+/* zq_mallocfail_malloc returns null when the calling path has not failed before, else malloc(size).
+ */
 ZQ_API void *zq_mallocfail_malloc(size_t size);
 
 /* zq_mallocfail_calloc is the same with calloc(count, size). */

@@ -24,7 +24,8 @@ ZQ_API char *zq_strdupf(const char *format, ...) ZQ_PRINTF(1, 2);
 ZQ_API char *zq_vstrdupf(const char *format, va_list ap) ZQ_PRINTF(1, 0);
 
 /* zq_snprintf formats into `size` bytes at `str` and always terminates a non-empty buffer. `str`
- * may be null when `size` is 0. Returns the length that the whole text has, or a negative number. */
+ * may be null when `size` is 0. Returns the length that the whole text has, or a negative number.
+ */
 ZQ_API int zq_snprintf(char *str, size_t size, const char *format, ...) ZQ_PRINTF(3, 4);
 
 /* zq_vsnprintf is zq_snprintf with an argument list. */

@@ -68,8 +68,8 @@ int zq_strncasecmp(const char *s1, const char *s2, size_t n)
     ZQ_ASSERT(s2 != NULL);
 
     for (size_t i = 0; i < n; i++) {
-        int difference = tolower(static_cast<unsigned char>(s1[i])) -
-                         tolower(static_cast<unsigned char>(s2[i]));
+        int difference =
+            tolower(static_cast<unsigned char>(s1[i])) - tolower(static_cast<unsigned char>(s2[i]));
         if (difference != 0 || s1[i] == '\0')
             return difference;
     }

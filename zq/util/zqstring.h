@@ -17,7 +17,8 @@ ZQ_API char *zq_strdup(const char *string);
 /* zq_strndup returns a terminated copy of at most `n` bytes of `string`. */
 ZQ_API char *zq_strndup(const char *string, size_t n);
 
-/* zq_strdup_lowercase returns a copy in which the ASCII letters A to Z are lowered, in any locale. */
+/* zq_strdup_lowercase returns a copy in which the ASCII letters A to Z are lowered, in any locale.
+ */
 ZQ_API char *zq_strdup_lowercase(const char *string);
 
 /* zq_strndup_lowercase is zq_strdup_lowercase for at most `n` bytes. */
