@@ -75,7 +75,9 @@ static bool zq_log_admits_line(zqlog *log, unsigned int level)
 {
     if (zq_log_admits(1, log->threshold.load(std::memory_order_relaxed), level))
         return true;
-    log->lines_skipped.store(true, std::memory_order_relaxed);
+    // Written once only: threads that log much share this.
+    if (!log->lines_skipped.load(std::memory_order_relaxed))
+        log->lines_skipped.store(true, std::memory_order_relaxed);
     return false;
 }
 
