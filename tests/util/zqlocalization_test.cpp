@@ -164,6 +164,22 @@ TEST(zqlocalization, reads_po_text)
     }
 }
 
+TEST(zqlocalization, tells_a_file_that_cannot_be_opened)
+{
+    LogCapture log(13);
+    Catalogues files;
+    std::string file = files.write("app", "de.po", "");
+    std::filesystem::remove(file);
+    std::filesystem::create_symlink("nowhere", file);
+    Localization set(zq_localization_create());
+    ASSERT_TRUE(set);
+    take(log);
+    EXPECT_EQ(files.load(set, "app"), ZQ_ERROR_NOT_FOUND + 0u);
+    EXPECT_EQ(take(log), (Lines{{13, "failed to load localization file " + file +
+                                         ", error 207 (item not found)"}}));
+    EXPECT_EQ(zq_localization_language_get(set.get(), "de"), nullptr);
+}
+
 TEST(zqlocalization, reads_long_lines_in_pieces)
 {
     // A piece has 4095 bytes: what follows them is a line of its own, here a continuation.
