@@ -28,7 +28,8 @@ class Fault {
     std::atomic<int> left{0};
 };
 
-// The next pthread_create() of the program.
+// For the calls of the program to these.
 extern Fault pthread_create_fault;
+extern Fault pthread_cond_init_fault;
 
 #endif

@@ -3,23 +3,12 @@
 #include <cerrno>
 #include <deque>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <random>
 #include <thread>
 #include <vector>
 
 #include "tests/support/expect.h"
 #include "tests/support/interpose.h"
-
-static Fault cond_fault;
-
-extern "C" int pthread_cond_init(pthread_cond_t *cond,
-                                 const pthread_condattr_t *attributes) noexcept
-{
-    static auto *const next = next_symbol<decltype(pthread_cond_init)>("pthread_cond_init");
-    int error = cond_fault.strike();
-    return error ? error : next(cond, attributes);
-}
 
 static void destroy_queue(zqlockqueue *queue)
 {
@@ -127,10 +116,10 @@ TEST(zqlockqueue, destroy_hands_out_what_is_left_in_order)
 TEST(zqlockqueue, create_tells_why_it_failed)
 {
     zqerror error = 999;
-    cond_fault.arm(ENOMEM);
+    pthread_cond_init_fault.arm(ENOMEM);
     EXPECT_EQ(zq_lockqueue_create(&error), nullptr);
     EXPECT_TRUE(error == 202u || (faults_injected() && error == 12u));
-    cond_fault.arm(0, 0);
+    pthread_cond_init_fault.arm(0, 0);
     Queue queue(zq_lockqueue_create(&error));
     EXPECT_EQ(error == 0, queue != nullptr);
 }

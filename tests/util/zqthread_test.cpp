@@ -17,7 +17,7 @@ using RwLock = Owned<zqrwlock, zq_rwlock_destroy>;
 
 // ---- calls that fail on demand ----
 
-static Fault join_fault, mutex_fault, cond_fault, rwlock_fault;
+static Fault join_fault, mutex_fault, rwlock_fault;
 
 extern "C" int pthread_join(pthread_t thread, void **result)
 {
@@ -32,14 +32,6 @@ extern "C" int pthread_mutex_init(pthread_mutex_t *mutex,
     static auto *const next = next_symbol<decltype(pthread_mutex_init)>("pthread_mutex_init");
     int error = mutex_fault.strike();
     return error ? error : next(mutex, attributes);
-}
-
-extern "C" int pthread_cond_init(pthread_cond_t *cond,
-                                 const pthread_condattr_t *attributes) noexcept
-{
-    static auto *const next = next_symbol<decltype(pthread_cond_init)>("pthread_cond_init");
-    int error = cond_fault.strike();
-    return error ? error : next(cond, attributes);
 }
 
 extern "C" int pthread_rwlock_init(pthread_rwlock_t *rwlock,
@@ -230,12 +222,12 @@ TEST(zqlocks, creators_clean_up_silently)
     EXPECT_EQ(zq_mutex_create(), nullptr);
     mutex_fault.arm(ENOMEM);
     EXPECT_EQ(zq_cond_create(), nullptr);
-    cond_fault.arm(ENOMEM);
+    pthread_cond_init_fault.arm(ENOMEM);
     EXPECT_EQ(zq_cond_create(), nullptr);
     rwlock_fault.arm(ENOMEM);
     EXPECT_EQ(zq_rwlock_create(), nullptr);
     EXPECT_TRUE(log.take().empty());
-    for (Fault *fault : {&mutex_fault, &cond_fault, &rwlock_fault})
+    for (Fault *fault : {&mutex_fault, &pthread_cond_init_fault, &rwlock_fault})
         fault->arm(0, 0);
 }
 
