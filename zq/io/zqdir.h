@@ -59,8 +59,8 @@ ZQ_API char zq_dir_separator(void);
  *
  * Symbolic links in the tree are removed, never followed, even when directories are replaced by
  * links meanwhile. `path` itself may be a link to a directory: its contents are removed, the link
- * and the emptied directory stay, and the result is -1. However deep or wide the tree, it takes a
- * constant number of descriptors and constant stack; paths below `path` may be longer than the
+ * and the emptied directory stay, and the result is -1. However deep or wide the tree, it takes at
+ * most four descriptors and constant stack; paths below `path` may be longer than the
  * system takes in one piece. */
 ZQ_API int zq_dir_remove_recursive(const char *path);
 
