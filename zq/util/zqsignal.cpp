@@ -22,7 +22,7 @@ struct signal_entry {
 
 static_assert(std::atomic<const signal_hook *>::is_always_lock_free);
 
-static signal_entry zq_signal_table[ZQ_SIGNAL_COUNT];
+static constinit signal_entry zq_signal_table[ZQ_SIGNAL_COUNT] = {};
 
 // ---- the handlers ----
 
