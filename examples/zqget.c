@@ -59,8 +59,8 @@ static volatile sig_atomic_t interrupted;
 
 static void on_interrupt(int signal_number, void *context)
 {
-    (void) signal_number;
-    (void) context;
+    (void)signal_number;
+    (void)context;
     interrupted = 1;
 }
 
@@ -148,19 +148,19 @@ static zqerror show_progress(int64_t current, int64_t total, void *context)
     char speed[32];
     double rate;
     zq_timer_split(download->timer);
-    zq_timer_gettotal(download->timer, (uint64_t) current, NULL, NULL, &rate);
-    scaled((double) current, done, sizeof(done));
+    zq_timer_gettotal(download->timer, (uint64_t)current, NULL, NULL, &rate);
+    scaled((double)current, done, sizeof(done));
     scaled(rate, speed, sizeof(speed));
     if (total > 0) {
         char bar[31];
-        size_t filled = (size_t) ((double) current / (double) total * 30);
+        size_t filled = (size_t)((double)current / (double)total * 30);
         memset(bar, ' ', 30);
         memset(bar, '=', filled < 30 ? filled : 30);
         bar[30] = '\0';
-        double left = rate > 0 ? (double) (total - current) / rate : 0;
+        double left = rate > 0 ? (double)(total - current) / rate : 0;
         fprintf(stderr, "\r[%s] %3d%%  %s  %s/s  ETA %d:%02d\033[K", bar,
-                (int) ((double) current / (double) total * 100), done, speed, (int) left / 60,
-                (int) left % 60);
+                (int)((double)current / (double)total * 100), done, speed, (int)left / 60,
+                (int)left % 60);
     } else {
         fprintf(stderr, "\r%s  %s/s\033[K", done, speed);
     }
@@ -191,8 +191,8 @@ static zqerror save_piece(const void *data, size_t size, void *context)
 static zqerror check_route(zqhttp *http, const char *scheme, const char *host, uint32_t port,
                            void *context)
 {
-    (void) scheme;
-    (void) context;
+    (void)scheme;
+    (void)context;
     const char *proxy;
     uint32_t proxy_port;
     zq_http_get_proxy(http, &proxy, &proxy_port);
@@ -209,8 +209,8 @@ static int set_proxy(zqhttp *http, const char *proxy)
         fprintf(stderr, "zqget: --proxy takes HOST:PORT, not '%s'\n", proxy);
         return EXIT_USAGE;
     }
-    char *host = zq_strndup(proxy, (size_t) (colon - proxy));
-    zqerror error = host ? zq_http_set_proxy(http, host, (uint32_t) port) : ZQ_ERROR_NO_MEMORY;
+    char *host = zq_strndup(proxy, (size_t)(colon - proxy));
+    zqerror error = host ? zq_http_set_proxy(http, host, (uint32_t)port) : ZQ_ERROR_NO_MEMORY;
     zq_free(host);
     return error ? EXIT_FAILED : EXIT_DONE;
 }
@@ -271,7 +271,7 @@ static int perform(struct download *download, const struct settings *settings)
 
 static int print_head(struct download *download, const struct settings *settings)
 {
-    static const char *const names[] = {"date",         "server",        "location",
+    static const char *const names[] = {"date",         "server",         "location",
                                         "content-type", "content-length", "last-modified",
                                         "etag",         "cache-control"};
     if (zq_http_set_method(download->http, "HEAD") != ZQ_ERROR_NONE)
@@ -279,7 +279,7 @@ static int print_head(struct download *download, const struct settings *settings
     int result = perform(download, settings);
     if (result != EXIT_DONE && result != EXIT_STATUS)
         return result;
-    printf("status: %d\n", (int) zq_http_get_status_code(download->http));
+    printf("status: %d\n", (int)zq_http_get_status_code(download->http));
     for (size_t i = 0; i < sizeof(names) / sizeof(names[0]); i++) {
         const char *value = zq_http_get_response_header(download->http, names[i]);
         if (value)
@@ -318,7 +318,7 @@ static int save_to_stream(struct download *download, const struct settings *sett
 /* Downloads beside the final name and moves the file there only when it is complete. */
 static int save_to_file(struct download *download, const struct settings *settings)
 {
-    char *part = zq_strdupf("%s.part.%ld", settings->output, (long) getpid());
+    char *part = zq_strdupf("%s.part.%ld", settings->output, (long)getpid());
     FILE *file = part ? zq_file_create_binary(part) : NULL;
     if (!file) {
         fprintf(stderr, "zqget: unable to create '%s': %s\n", settings->output, strerror(errno));

@@ -1,5 +1,5 @@
-/* zqicap asks an ICAP server about a file: what the service offers (OPTIONS), or what becomes of the
- * file as the body of an HTTP request (REQMOD) or response (RESPMOD). */
+/* zqicap asks an ICAP server about a file: what the service offers (OPTIONS), or what becomes of
+ * the file as the body of an HTTP request (REQMOD) or response (RESPMOD). */
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -89,7 +89,7 @@ static zqerror set_request(zqicap *icap, const void *body, size_t size)
 {
     char *headers = zq_strdupf("POST http://localhost/ HTTP/1.1\r\nHost: localhost\r\n"
                                "Content-Length: %lu\r\n\r\n",
-                               (unsigned long) size);
+                               (unsigned long)size);
     zqerror error = ZQ_ERROR_NO_MEMORY;
     if (headers)
         error = zq_icap_set_request_headers(icap, headers, strlen(headers));
@@ -104,7 +104,7 @@ static zqerror set_response(zqicap *icap, const void *body, size_t size)
 {
     char *headers = zq_strdupf("HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\n"
                                "Content-Length: %lu\r\n\r\n",
-                               (unsigned long) size);
+                               (unsigned long)size);
     zqerror error = ZQ_ERROR_NO_MEMORY;
     if (headers)
         error = zq_icap_set_response_headers(icap, headers, strlen(headers));

@@ -49,8 +49,8 @@ static struct server server;
 
 static void on_stop(int signal_number, void *context)
 {
-    (void) signal_number;
-    ((struct server *) context)->stopping = 1;
+    (void)signal_number;
+    ((struct server *)context)->stopping = 1;
 }
 
 /* ---- reading a request ---- */
@@ -94,7 +94,7 @@ static int hex_digit(char c)
 {
     if (c >= '0' && c <= '9')
         return c - '0';
-    c = (char) (c | 0x20);
+    c = (char)(c | 0x20);
     return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
 }
 
@@ -109,10 +109,10 @@ static int decode_path(char *path)
             int low = high < 0 ? -1 : hex_digit(in[2]);
             if (low < 0)
                 return -1;
-            c = (char) (high * 16 + low);
+            c = (char)(high * 16 + low);
             in += 2;
         }
-        if ((unsigned char) c < 0x20 || c == 0x7f)
+        if ((unsigned char)c < 0x20 || c == 0x7f)
             return -1;
         *out++ = c;
     }
@@ -213,7 +213,7 @@ static void send_bytes(struct reply *reply, const void *data, size_t size)
 {
     if (!reply->failed && size > 0) {
         size_t count = zq_handle_write(reply->handle, data, size);
-        reply->sent += (int64_t) count;
+        reply->sent += (int64_t)count;
         reply->failed = count != size;
     }
 }
@@ -234,7 +234,7 @@ static void send_head(struct reply *reply, int status, const char *type, int64_t
                             "Accept-Ranges: none\r\n"
                             "Connection: %s\r\n"
                             "%s\r\n",
-                            status, reason(status), date, type, (long long) length,
+                            status, reason(status), date, type, (long long)length,
                             reply->request->keep_alive ? "keep-alive" : "close", headers);
     reply->status = status;
     if (head)
@@ -249,7 +249,7 @@ static void send_text(struct reply *reply, int status, const char *headers)
 {
     char text[64];
     zq_snprintf(text, sizeof(text), "%d %s\n", status, reason(status));
-    send_head(reply, status, "text/plain; charset=utf-8", (int64_t) strlen(text), headers);
+    send_head(reply, status, "text/plain; charset=utf-8", (int64_t)strlen(text), headers);
     if (!reply->request->is_head)
         send_bytes(reply, text, strlen(text));
 }
@@ -260,16 +260,26 @@ static const char *content_type(const char *path)
         const char *suffix;
         const char *type;
     } types[] = {
-        {".html", "text/html; charset=utf-8"},  {".htm", "text/html; charset=utf-8"},
-        {".txt", "text/plain; charset=utf-8"},  {".md", "text/plain; charset=utf-8"},
-        {".css", "text/css; charset=utf-8"},    {".js", "text/javascript; charset=utf-8"},
-        {".json", "application/json"},          {".xml", "application/xml"},
-        {".svg", "image/svg+xml"},              {".png", "image/png"},
-        {".jpg", "image/jpeg"},                 {".jpeg", "image/jpeg"},
-        {".gif", "image/gif"},                  {".webp", "image/webp"},
-        {".ico", "image/x-icon"},               {".pdf", "application/pdf"},
-        {".wasm", "application/wasm"},          {".gz", "application/gzip"},
-        {".mp4", "video/mp4"},                  {".woff2", "font/woff2"},
+        {".html", "text/html; charset=utf-8"},
+        {".htm", "text/html; charset=utf-8"},
+        {".txt", "text/plain; charset=utf-8"},
+        {".md", "text/plain; charset=utf-8"},
+        {".css", "text/css; charset=utf-8"},
+        {".js", "text/javascript; charset=utf-8"},
+        {".json", "application/json"},
+        {".xml", "application/xml"},
+        {".svg", "image/svg+xml"},
+        {".png", "image/png"},
+        {".jpg", "image/jpeg"},
+        {".jpeg", "image/jpeg"},
+        {".gif", "image/gif"},
+        {".webp", "image/webp"},
+        {".ico", "image/x-icon"},
+        {".pdf", "application/pdf"},
+        {".wasm", "application/wasm"},
+        {".gz", "application/gzip"},
+        {".mp4", "video/mp4"},
+        {".woff2", "font/woff2"},
     };
     for (size_t i = 0; i < sizeof(types) / sizeof(types[0]); i++) {
         if (zq_endswith(path, types[i].suffix))
@@ -288,10 +298,10 @@ static void send_file(struct reply *reply, const char *path, int64_t size)
         send_head(reply, 200, content_type(path), size, "");
         int64_t left = reply->request->is_head ? 0 : size;
         while (left > 0 && !reply->failed) {
-            size_t want = left < FILE_PIECE ? (size_t) left : FILE_PIECE;
+            size_t want = left < FILE_PIECE ? (size_t)left : FILE_PIECE;
             size_t count = zq_file_read(file, piece, want);
             send_bytes(reply, piece, count);
-            left -= (int64_t) count;
+            left -= (int64_t)count;
             if (count == 0)
                 reply->failed = 1; /* the file shrank: only closing tells the client */
         }
@@ -358,7 +368,7 @@ static void send_listing(struct reply *reply, const char *path)
     if (!out || fclose(out) != 0) {
         send_text(reply, 500, "");
     } else {
-        send_head(reply, 200, "text/html; charset=utf-8", (int64_t) size, "");
+        send_head(reply, 200, "text/html; charset=utf-8", (int64_t)size, "");
         if (!reply->request->is_head)
             send_bytes(reply, page, size);
     }
@@ -368,8 +378,7 @@ static void send_listing(struct reply *reply, const char *path)
 static void send_slash_redirect(struct reply *reply)
 {
     const char *target = reply->request->target;
-    char *header =
-        zq_strdupf("Location: %.*s/\r\n", (int) strcspn(target, "?#"), target);
+    char *header = zq_strdupf("Location: %.*s/\r\n", (int)strcspn(target, "?#"), target);
     if (header)
         send_text(reply, 301, header);
     else
@@ -447,7 +456,7 @@ static int serve_request(zqhandle *handle)
             request.keep_alive = 0;
         answer(&reply, reading);
         zq_log(server.access_log, 9, "%s %s %d %lld", request.method ? request.method : "-",
-               request.target ? request.target : "-", reply.status, (long long) reply.sent);
+               request.target ? request.target : "-", reply.status, (long long)reply.sent);
         done = reply.failed || !request.keep_alive;
     }
     zq_free(request.path);
@@ -456,8 +465,8 @@ static int serve_request(zqhandle *handle)
 
 static void serve_connection(zqtcpserver *tcpserver, zqhandle *handle, void *context)
 {
-    (void) tcpserver;
-    (void) context;
+    (void)tcpserver;
+    (void)context;
     zq_handle_set_write_timeout(handle, ANSWER_TIMEOUT, 0);
     while (serve_request(handle) == 0) {
     }
@@ -476,13 +485,13 @@ static int serve(const char *address, int port)
         zq_tcpserver_destroy(tcpserver);
         return 1;
     }
-    zq_tcpserver_set_port(tcpserver, (uint32_t) port);
+    zq_tcpserver_set_port(tcpserver, (uint32_t)port);
     zq_tcpserver_set_callback(tcpserver, serve_connection, NULL);
     zqerror error = zq_tcpserver_start(tcpserver);
     if (error == ZQ_ERROR_NONE) {
         zq_tcpserver_get_port(tcpserver, &actual_port);
         printf("serving %s on http://%s:%u/\n", server.root, address ? address : "0.0.0.0",
-               (unsigned int) actual_port);
+               (unsigned int)actual_port);
         fflush(stdout);
         while (!server.stopping)
             zq_sleep(0, 200000);

@@ -22,7 +22,7 @@ zqerror example_check_route(const char *host, uint32_t port)
     struct addrinfo *addresses = NULL;
     hints.ai_flags = AI_ADDRCONFIG | AI_V4MAPPED;
     hints.ai_socktype = SOCK_DGRAM;
-    snprintf(service, sizeof(service), "%u", (unsigned int) port);
+    snprintf(service, sizeof(service), "%u", (unsigned int)port);
     if (getaddrinfo(host, service, &hints, &addresses) != 0)
         return ZQ_ERROR_NONE;
 

@@ -11,6 +11,7 @@
 #include "tests/support/process.h"
 #include "tests/support/scratch.h"
 #include "tests/support/scripted_server.h"
+#include "tests/support/zqserve.h"
 #include "zq/util/zqlog.h"
 #include "zq/util/zqsignal.h"
 
@@ -244,4 +245,37 @@ TEST_F(icap_interop, requests_agree_with_another_client)
         ours += request;
     }
     EXPECT_EQ(ours, theirs);
+}
+
+TEST_F(icap_interop, the_example_asks_the_same)
+{
+    std::string file = scratch->write("page", "hello\n");
+    for (const char *option : {"--reqmod", "--respmod"}) {
+        Outcome outcome = run({example("zqicap"), url, option, file, "--timeout", "10"});
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_EQ(outcome.out, "hello\n");
+        EXPECT_EQ(outcome.err.substr(0, 16), "ICAP status 200\n") << outcome.err;
+    }
+    EXPECT_EQ(run({example("zqicap"), "--options", url}).status, 0);
+
+    std::string nobody = "icap://127.0.0.1:" + std::to_string(free_port()) + "/echo";
+    const struct {
+        std::vector<std::string> arguments;
+        int status;
+        std::string error;
+    } rows[] = {
+        {{nobody}, 4, "zqicap: " + nobody + ": connection refused\n"},
+        {{"plain"}, 3, "zqicap: plain: invalid argument\n"},
+        {{url, "--reqmod", "/nonexistent"},
+         9,
+         "zqicap: unable to read '/nonexistent': No such file or directory\n"},
+        {{url, url}, 2, "zqicap: one URL at a time, please\n"},
+    };
+    for (const auto &row : rows) {
+        std::vector<std::string> command = {example("zqicap")};
+        command.insert(command.end(), row.arguments.begin(), row.arguments.end());
+        Outcome outcome = run(command);
+        EXPECT_EQ(outcome.status, row.status);
+        EXPECT_EQ(outcome.err, row.error);
+    }
 }
