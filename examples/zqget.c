@@ -8,23 +8,9 @@
 #include <unistd.h>
 
 #include "examples/support/json_path.h"
+#include "examples/support/net_tool.h"
 #include "examples/support/route.h"
 #include "zq/zq.h"
-
-/* The exit statuses; a script can tell what went wrong. */
-enum {
-    EXIT_DONE = 0,
-    EXIT_FAILED = 1,
-    EXIT_USAGE = 2,
-    EXIT_URL = 3,
-    EXIT_CONNECT = 4,
-    EXIT_TIMEOUT = 5,
-    EXIT_PROTOCOL = 6,
-    EXIT_STATUS = 7,
-    EXIT_OUTPUT = 8,
-    EXIT_JSON = 9,
-    EXIT_INTERRUPTED = 130
-};
 
 static const char footer[] =
     "\n"
@@ -66,8 +52,9 @@ static void on_interrupt(int signal_number, void *context)
 
 /* ---- the command line ---- */
 
-static int add_options(zqgetopt *options, struct settings *settings)
+static int add_options(zqgetopt *options, void *context)
 {
+    struct settings *settings = context;
     return zq_getopt_set_synopsis(options, "usage: zqget [OPTIONS] URL [PATH...]") ||
            zq_getopt_set_footer(options, footer) ||
            zq_getopt_const_string(options, "output", 'o', &settings->output, "FILE",
@@ -92,8 +79,9 @@ static int add_options(zqgetopt *options, struct settings *settings)
 
 /* Options may stand before and after the URL; after --json URL the rest is the path. Returns -1 to
  * go on, else an exit status. */
-static int read_arguments(zqgetopt *options, struct settings *settings, int argc, char **argv)
+static int read_arguments(zqgetopt *options, void *context, int argc, char **argv)
 {
+    struct settings *settings = context;
     while (argc > 1) {
         int result = zq_getopt_parse(options, argc, argv);
         if (result != 0)
@@ -215,30 +203,6 @@ static int set_proxy(zqhttp *http, const char *proxy)
     return error ? EXIT_FAILED : EXIT_DONE;
 }
 
-static int exit_status(zqerror error)
-{
-    switch (error) {
-    case ZQ_ERROR_INVALID_ARGUMENT:
-    case ZQ_ERROR_UNSUPPORTED:
-        return EXIT_URL;
-    case ZQ_ERROR_CANNOT_CONNECT:
-    case ZQ_ERROR_CONNECTION_REFUSED:
-    case ZQ_ERROR_CONNECTION_TIMED_OUT:
-    case ZQ_ERROR_NETWORK_UNREACHABLE:
-        return EXIT_CONNECT;
-    case ZQ_ERROR_TIMED_OUT:
-    case ZQ_ERROR_TIMER_EXPIRED:
-        return EXIT_TIMEOUT;
-    case ZQ_ERROR_PROTOCOL:
-    case ZQ_ERROR_OUT_OF_RANGE:
-    case ZQ_ERROR_MESSAGE_TOO_LONG:
-    case ZQ_ERROR_CONNECTION_RESET:
-        return EXIT_PROTOCOL;
-    default:
-        return EXIT_FAILED;
-    }
-}
-
 static int perform(struct download *download, const struct settings *settings)
 {
     zqhttp *http = download->http;
@@ -257,7 +221,7 @@ static int perform(struct download *download, const struct settings *settings)
     }
     if (error != ZQ_ERROR_NONE) {
         fprintf(stderr, "zqget: %s: %s\n", settings->url, zq_error_string(error));
-        return exit_status(error);
+        return net_tool_exit_status(error);
     }
     int status = zq_http_get_status_code(http);
     if (status < 200 || status > 299) {
@@ -347,8 +311,9 @@ static int save_to_stdout(struct download *download, const struct settings *sett
     return result;
 }
 
-static int get(const struct settings *settings)
+static int get(const void *context)
 {
+    const struct settings *settings = context;
     struct download download = {0};
     download.http = zq_http_lite_create();
     download.timer = zq_timer_create();
@@ -384,27 +349,11 @@ static int get(const struct settings *settings)
 int main(int argc, char **argv)
 {
     struct settings settings = {0};
+    struct net_tool tool = {add_options, read_arguments, get, &settings, &settings.verbose};
     settings.timeout = -1;
     settings.idle = 30;
 
-    zq_signal_ignore_sigpipe();
     zq_signal_register_sigint(on_interrupt, NULL);
     zq_signal_register_sigterm(on_interrupt, NULL);
-
-    int result = EXIT_FAILED;
-    zqgetopt *options = zq_getopt_create();
-    if (options && add_options(options, &settings) == 0)
-        result = read_arguments(options, &settings, argc, argv);
-    if (options)
-        zq_getopt_destroy(options);
-    if (result < 0) {
-        /* Failures are told in one line of our own. */
-        if (settings.verbose)
-            zq_log_stderr_set_level(NULL, 10);
-        else
-            zq_log_stderr_disable(NULL);
-        result = get(&settings);
-    }
-    zq_uninit();
-    return result;
+    return net_tool_main(&tool, argc, argv);
 }

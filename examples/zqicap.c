@@ -4,21 +4,9 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "examples/support/net_tool.h"
 #include "examples/support/route.h"
 #include "zq/zq.h"
-
-enum {
-    EXIT_DONE = 0,
-    EXIT_FAILED = 1,
-    EXIT_USAGE = 2,
-    EXIT_URL = 3,
-    EXIT_CONNECT = 4,
-    EXIT_TIMEOUT = 5,
-    EXIT_PROTOCOL = 6,
-    EXIT_STATUS = 7,
-    EXIT_OUTPUT = 8,
-    EXIT_INPUT = 9
-};
 
 static const char footer[] =
     "\n"
@@ -39,8 +27,9 @@ struct settings {
     int verbose;
 };
 
-static int add_options(zqgetopt *options, struct settings *settings)
+static int add_options(zqgetopt *options, void *context)
 {
+    struct settings *settings = context;
     return zq_getopt_set_synopsis(options, "usage: zqicap [OPTIONS] icap://HOST[:PORT]/SERVICE") ||
            zq_getopt_set_footer(options, footer) ||
            zq_getopt_flag_set(options, "options", 'O', &settings->options,
@@ -61,8 +50,9 @@ static int add_options(zqgetopt *options, struct settings *settings)
 }
 
 /* Options may stand before and after the URL. Returns -1 to go on, else an exit status. */
-static int read_arguments(zqgetopt *options, struct settings *settings, int argc, char **argv)
+static int read_arguments(zqgetopt *options, void *context, int argc, char **argv)
 {
+    struct settings *settings = context;
     while (argc > 1) {
         int result = zq_getopt_parse(options, argc, argv);
         if (result != 0)
@@ -143,26 +133,6 @@ static int prepare(zqicap *icap, const struct settings *settings)
 
 /* ---- the reply ---- */
 
-static int exit_status(zqerror error)
-{
-    switch (error) {
-    case ZQ_ERROR_INVALID_ARGUMENT:
-        return EXIT_URL;
-    case ZQ_ERROR_CANNOT_CONNECT:
-    case ZQ_ERROR_CONNECTION_REFUSED:
-    case ZQ_ERROR_CONNECTION_TIMED_OUT:
-    case ZQ_ERROR_NETWORK_UNREACHABLE:
-        return EXIT_CONNECT;
-    case ZQ_ERROR_TIMED_OUT:
-        return EXIT_TIMEOUT;
-    case ZQ_ERROR_NO_MEMORY:
-    case ZQ_ERROR_GENERIC:
-        return EXIT_FAILED;
-    default:
-        return EXIT_PROTOCOL;
-    }
-}
-
 static void print_headers(zqicap *icap, zqerror (*get)(zqicap *, char **))
 {
     char *headers;
@@ -202,7 +172,7 @@ static int perform(zqicap *icap, const struct settings *settings)
     }
     if (error != ZQ_ERROR_NONE) {
         fprintf(stderr, "zqicap: %s: %s\n", settings->url, zq_error_string(error));
-        return exit_status(error);
+        return net_tool_exit_status(error);
     }
     return save_body(icap, settings->output);
 }
@@ -221,11 +191,12 @@ static int check_url(const char *url)
     if (error == ZQ_ERROR_NONE)
         return EXIT_DONE;
     fprintf(stderr, "zqicap: %s: %s\n", url, zq_error_string(error));
-    return exit_status(error);
+    return net_tool_exit_status(error);
 }
 
-static int ask(const struct settings *settings)
+static int ask(const void *context)
 {
+    const struct settings *settings = context;
     int result = check_url(settings->url);
     zqicap *icap = result == EXIT_DONE ? zq_icap_create() : NULL;
     if (icap) {
@@ -243,23 +214,7 @@ static int ask(const struct settings *settings)
 int main(int argc, char **argv)
 {
     struct settings settings = {0};
+    struct net_tool tool = {add_options, read_arguments, ask, &settings, &settings.verbose};
     settings.timeout = -1;
-    zq_signal_ignore_sigpipe();
-
-    int result = EXIT_FAILED;
-    zqgetopt *options = zq_getopt_create();
-    if (options && add_options(options, &settings) == 0)
-        result = read_arguments(options, &settings, argc, argv);
-    if (options)
-        zq_getopt_destroy(options);
-    if (result < 0) {
-        /* Failures are told in one line of our own. */
-        if (settings.verbose)
-            zq_log_stderr_set_level(NULL, 10);
-        else
-            zq_log_stderr_disable(NULL);
-        result = ask(&settings);
-    }
-    zq_uninit();
-    return result;
+    return net_tool_main(&tool, argc, argv);
 }

@@ -1,11 +1,10 @@
-#include <arpa/inet.h>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
+#include "tests/support/scripted_server.h"
 #include "tests/support/zqserve.h"
 
 namespace fs = std::filesystem;
@@ -95,56 +94,27 @@ TEST(zqget, says_what_went_wrong)
     EXPECT_TRUE(fs::is_empty(scratch.path()));
 }
 
-// A server that announces more than it sends and then says nothing.
-class Staller {
-  public:
-    Staller()
-    {
-        listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(address);
-        bind(listener, reinterpret_cast<sockaddr *>(&address), size);
-        listen(listener, 1);
-        getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size);
-        url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
-    }
-    ~Staller()
-    {
-        close(connection);
-        close(listener);
-    }
-    void send_part()
-    {
-        connection = accept(listener, nullptr, nullptr);
-        const std::string reply = "HTTP/1.0 200 OK\r\nContent-Length: 100\r\n\r\npart";
-        send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
-    }
-    std::string url;
-
-  private:
-    int listener = -1;
-    int connection = -1;
-};
-
 TEST(zqget, leaves_nothing_behind_when_interrupted_or_late)
 {
-    Scratch scratch;
-    Staller server;
-    Process interrupted({example("zqget"), server.url, "-o", scratch.file("out")},
-                        scratch.file("messages"));
-    server.send_part();
-    usleep(200000);
-    EXPECT_EQ(interrupted.stop(SIGINT), 130);
-    EXPECT_EQ(read_file(scratch.file("messages")), "zqget: interrupted\n");
+    // Announces more than is sent, and then says nothing.
+    const std::string part = "HTTP/1.0 200 OK\r\nContent-Length: 100\r\n\r\npart";
+    Scratch scratch, messages;
+    auto start = [&](const ScriptedServer &server, const std::string &timeout) {
+        std::string url = "http://127.0.0.1:" + std::to_string(server.port()) + "/";
+        return std::make_unique<Process>(std::vector<std::string>{example("zqget"), url, "-t",
+                                                                  timeout, "-o",
+                                                                  scratch.file("out")},
+                                         messages.file("text"));
+    };
+    ScriptedServer server(part, 0, ScriptedServer::STALL);
+    auto interrupted = start(server, "20");
+    while (fs::is_empty(scratch.path()))
+        usleep(10000);
+    usleep(100000);
+    EXPECT_EQ(interrupted->stop(SIGINT), 130);
+    EXPECT_EQ(read_file(messages.file("text")), "zqget: interrupted\n");
 
-    Staller late;
-    Process timed_out({example("zqget"), late.url, "-t", "1", "-o", scratch.file("out")},
-                      scratch.file("messages2"));
-    late.send_part();
-    EXPECT_EQ(timed_out.stop(0), 5);
-    fs::remove(scratch.file("messages"));
-    fs::remove(scratch.file("messages2"));
+    ScriptedServer silent(part, 0, ScriptedServer::STALL);
+    EXPECT_EQ(start(silent, "1")->stop(0), 5);
     EXPECT_TRUE(fs::is_empty(scratch.path()));
 }

@@ -1105,14 +1105,24 @@ int32_t zq_icap_get_status_code(zqicap *zqicap)
     return zqicap->statuscode;
 }
 
-static char *zq_icap_copy_text(const body_store *store)
+// Copies a header block as text; the two messages tell that there is none, or no memory.
+static zqerror zq_icap_copy_headers(const body_store *headers, char **headersptr, const char *none,
+                                    const char *no_memory)
 {
-    char *copy = static_cast<char *>(zq_malloc(store->position + 1));
-    if (!copy)
-        return nullptr;
-    memcpy(copy, store->data, store->position);
-    copy[store->position] = '\0';
-    return copy;
+    *headersptr = nullptr;
+    if (!headers->data) {
+        ZQ_LOG(6, "%s", none);
+        return ZQ_ERROR_INVALID_ARGUMENT;
+    }
+    char *copy = static_cast<char *>(zq_malloc(headers->position + 1));
+    if (!copy) {
+        ZQ_LOG(7, "%s", no_memory);
+        return ZQ_ERROR_NO_MEMORY;
+    }
+    memcpy(copy, headers->data, headers->position);
+    copy[headers->position] = '\0';
+    *headersptr = copy;
+    return ZQ_ERROR_NONE;
 }
 
 zqerror zq_icap_get_response_icap_headers(zqicap *zqicap, char **headersptr)
@@ -1120,17 +1130,9 @@ zqerror zq_icap_get_response_icap_headers(zqicap *zqicap, char **headersptr)
     ZQ_ASSERT(zqicap != NULL);
     ZQ_ASSERT(headersptr != NULL);
 
-    *headersptr = nullptr;
-    if (!zqicap->icap_headers.data) {
-        ZQ_LOG(6, "no ICAP response headers available");
-        return ZQ_ERROR_INVALID_ARGUMENT;
-    }
-    *headersptr = zq_icap_copy_text(&zqicap->icap_headers);
-    if (!*headersptr) {
-        ZQ_LOG(7, "not enough memory for the ICAP response headers");
-        return ZQ_ERROR_NO_MEMORY;
-    }
-    return ZQ_ERROR_NONE;
+    return zq_icap_copy_headers(&zqicap->icap_headers, headersptr,
+                                "no ICAP response headers available",
+                                "not enough memory for the ICAP response headers");
 }
 
 zqerror zq_icap_get_response_headers(zqicap *zqicap, char **headersptr)
@@ -1138,17 +1140,9 @@ zqerror zq_icap_get_response_headers(zqicap *zqicap, char **headersptr)
     ZQ_ASSERT(zqicap != NULL);
     ZQ_ASSERT(headersptr != NULL);
 
-    *headersptr = nullptr;
-    if (!zqicap->encapsulated_headers.data) {
-        ZQ_LOG(6, "no encapsulated response headers available");
-        return ZQ_ERROR_INVALID_ARGUMENT;
-    }
-    *headersptr = zq_icap_copy_text(&zqicap->encapsulated_headers);
-    if (!*headersptr) {
-        ZQ_LOG(7, "not enough memory for the encapsulated response headers");
-        return ZQ_ERROR_NO_MEMORY;
-    }
-    return ZQ_ERROR_NONE;
+    return zq_icap_copy_headers(&zqicap->encapsulated_headers, headersptr,
+                                "no encapsulated response headers available",
+                                "not enough memory for the encapsulated response headers");
 }
 
 zqerror zq_icap_get_response_body_and_size(zqicap *zqicap, void **bodyptr, size_t *sizeptr)
