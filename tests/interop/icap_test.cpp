@@ -137,15 +137,15 @@ TEST_F(icap_interop, options)
 
 // A body grows to exactly what arrived, which the allocator of AddressSanitizer does by copying.
 #ifdef __SANITIZE_ADDRESS__
-static constexpr int largest = 3 << 20;
+static constexpr size_t largest = 3 << 20;
 #else
-static constexpr int largest = 16 << 20;
+static constexpr size_t largest = 16 << 20;
 #endif
 
 TEST_F(icap_interop, bodies_come_back)
 {
     Icap icap = client();
-    for (size_t size : {0, 1, 100, 4095, 4096, 4097, 65536, 1000000, largest}) {
+    for (size_t size : {size_t{0}, size_t{1}, size_t{100}, size_t{4096}, size_t{4097}, largest}) {
         SCOPED_TRACE(size);
         std::string body = random_bytes(size);
         set_request(icap.get(), body);
