@@ -201,7 +201,7 @@ TEST(zqutf8dir, passes_the_normalization_test_of_unicode)
     LogCapture log;
     Dir dir(zq_utf8dir_open("/"));
     ASSERT_NE(dir, nullptr);
-    std::set<std::string> listed; // the single characters of part 1
+    std::set<std::string> listed; // the single characters that the file lists
     std::istringstream lines(test);
     size_t passed = 0;
     for (std::string line; std::getline(lines, line);) {

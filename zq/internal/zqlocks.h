@@ -7,8 +7,7 @@
 
 // Holds a lock for a scope.
 template <class T, void (*lock)(T *), void (*unlock)(T *)>
-class [[nodiscard]] scoped_lock
-{
+class [[nodiscard]] scoped_lock {
   public:
     explicit scoped_lock(T *object) : held(object) { lock(held); }
     ~scoped_lock() { unlock(held); }

@@ -8,7 +8,10 @@
 template <auto destroy>
 struct destroyed_by {
     template <class T>
-    void operator()(T *object) const { destroy(object); }
+    void operator()(T *object) const
+    {
+        destroy(object);
+    }
 };
 
 // The owner of an object between its create and destroy functions.

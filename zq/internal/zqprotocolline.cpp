@@ -11,7 +11,8 @@ size_t protocol_line_trim(const char *line, size_t len)
     return len;
 }
 
-status_line protocol_parse_status(const char *line, const char *prefix, int *status, char *bad_digit)
+status_line protocol_parse_status(const char *line, const char *prefix, int *status,
+                                  char *bad_digit)
 {
     if (strncmp(line, prefix, strlen(prefix)) != 0)
         return status_line::bad_prefix;
@@ -19,7 +20,8 @@ status_line protocol_parse_status(const char *line, const char *prefix, int *sta
     if (!digit)
         return status_line::no_code;
 
-    // Any number of digits is accepted; arithmetic in unsigned keeps an absurd one from overflowing.
+    // Any number of digits is accepted; arithmetic in unsigned keeps an absurd one from
+    // overflowing.
     unsigned int code = 0;
     for (digit++; *digit != '\0' && *digit != ' '; digit++) {
         if (*digit < '0' || *digit > '9') {

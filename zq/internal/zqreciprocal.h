@@ -27,7 +27,7 @@ struct reciprocal {
     using wide = typename twice_as_wide<sizeof(Word)>::type;
     static constexpr unsigned int bits = sizeof(Word) * CHAR_BIT;
 
-    Word factor;        // the fraction (2^(shift + 1) - divisor) / divisor in units of 2^-bits, plus 1
+    Word factor; // the fraction (2^(shift + 1) - divisor) / divisor in units of 2^-bits, plus 1
     unsigned int shift; // 2^(shift + 1) is the least power of two that is not below the divisor
 
     static constexpr reciprocal of(Word divisor)

@@ -11,8 +11,8 @@ ZQ_BEGIN_DECLS
  *
  * What a missing callback makes impossible is logged and gives ZQ_ERROR_UNSUPPORTED. Timeouts are
  * (seconds, microseconds), the latter below 1000000, with seconds -1 for no limit, which both
- * timeouts start as. Reading lines uses a read-ahead buffer that plain reads serve first, so the two
- * may be mixed.
+ * timeouts start as. Reading lines uses a read-ahead buffer that plain reads serve first, so the
+ * two may be mixed.
  *
  * A handle is used by one thread at a time, except for zq_handle_wakeup(). */
 ZQ_OBJECT(zqhandle);

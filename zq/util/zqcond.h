@@ -6,10 +6,12 @@
 ZQ_BEGIN_DECLS
 
 /* A POSIX condition variable together with the mutex it is used with. A call that the platform
- * refuses is misuse and stops the process. Waits may wake spuriously: check the predicate in a loop. */
+ * refuses is misuse and stops the process. Waits may wake spuriously: check the predicate in a
+ * loop. */
 ZQ_OBJECT(zqcond);
 
-/* zq_cond_create returns a condition variable with its mutex unlocked, or null (nothing is logged). */
+/* zq_cond_create returns a condition variable with its mutex unlocked, or null (nothing is logged).
+ */
 ZQ_API zqcond *zq_cond_create(void);
 
 /* zq_cond_destroy releases a condition variable that nobody waits on or holds. */
