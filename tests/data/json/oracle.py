@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """What Python's parser finds in a JSON text, and texts to try it on.
 
-oracle.py paths FILE...         prints every node: its path, a tab, its type and value
+oracle.py paths FILE...         prints every node: the steps of its path, its type and value
 oracle.py generate DIRECTORY N  writes N texts of the accepted subset, always the same ones
 
-A step of a path is "." and the name in hexadecimal, or "#" and an index. Strings are in hexadecimal,
-and a number with a fraction is printed as the integer nearest to it. An empty line ends a file.
+A step of a path is "." and the name, or "#" and an index. A number with a fraction is printed as the
+integer nearest to it. Steps and values end with a unit separator, nodes and files with a record
+separator, which are in no text.
 """
 import json
 import random
@@ -18,21 +19,25 @@ def nearest_integer(text):
     return max(-2**63, min(number, 2**63 - 1))
 
 
+def emit(path, what):
+    sys.stdout.buffer.write(f"{path}{what}\x1f\x1e".encode())
+
+
 def walk(path, node):
     if isinstance(node, dict):
-        print(f"{path}\tobject")
+        emit(path, "object")
         for name, value in node.items():
-            walk(f"{path}.{name.encode().hex()}", value)
+            walk(f"{path}.{name}\x1f", value)
     elif isinstance(node, list):
-        print(f"{path}\tarray")
+        emit(path, "array")
         for index, value in enumerate(node):
-            walk(f"{path}#{index}", value)
+            walk(f"{path}#{index}\x1f", value)
     elif isinstance(node, str):
-        print(f"{path}\tstring {node.encode().hex()}")
+        emit(path, f"string {node}")
     elif node is None or isinstance(node, bool):
-        print(f"{path}\t{json.dumps(node)}")
+        emit(path, json.dumps(node))
     else:
-        print(f"{path}\tnumber {node}")
+        emit(path, f"number {node}")
 
 
 def number(random):
@@ -77,7 +82,7 @@ def main(command, *arguments):
         for name in arguments:
             with open(name, encoding="utf-8") as file:
                 walk("", json.load(file, parse_float=nearest_integer))
-            print()
+            sys.stdout.buffer.write(b"\x1e")
         return
     directory, count = arguments
     for seed in range(int(count)):
