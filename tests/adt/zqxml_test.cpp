@@ -23,8 +23,7 @@ static std::string output(zqxml *xml)
 TEST(zqxml, reads_and_writes_trees)
 {
     const struct {
-        const char *text;
-        const char *output;
+        const char *text, *output;
     } rows[] = {
         {"", ""},
         {"<?xml version=\"1.0\"?><a>1</a>", "<?xml version=\"1.0\"?>\n<a>\n  1\n</a>\n"},
@@ -33,25 +32,19 @@ TEST(zqxml, reads_and_writes_trees)
          "<x>\n  <y>\n    <z>\n      1\n    </z>\n  </y>\n  <y>\n    2\n  </y>\n</x>\n"},
         // What is odd about it.
         {"<abc></abc>", "<abca>\n"},
-        {"<abc/>", "<abc/a>\n"},
         {"<abc d=\"e\"/>", "<abc d=\"e\"/a>\n"},
         {"<a/>\n", "<a/a>\n<?>\n"},
         {" \r\n", "<?>\n"},
         {"<></>", "<?>\n"},
-        {"<a ></a>", "<aa>\n"},
         {"<a\tb></a\tb>", "<a\tba>\n"},
         {"<?a?>", "<?a?>\n"},
         {"<a></a?>", "<aa>\n"},
-        {"<a>\t</a>", "<a>\n  \t\n</a>\n"},
         {"<a> \r\n v \n</a>", "<a>\n  v \n\n</a>\n"},
-        {"<a>&lt;</a>", "<a>\n  &lt;\n</a>\n"},
-        {"<a>v<b/></a>", "<a>\n  v\n  <b/b>\n</a>\n"},
+        {"<a>\t&lt;</a>", "<a>\n  \t&lt;\n</a>\n"},
         {"<a>v<b>w</b> \r\n<b/></a>", "<a>\n  v\n  <b>\n    w\n  </b>\n  <b/b>\n</a>\n"},
         {"v<a></a>", "<a>\n  v\n</a>\n"},
         {"<a/>v<b/>", "<a/a>\n<b/>\n  v\n</b/>\n"},
-        {"<a/>v", "<a/a>\n<?>\n"},
         {"</a>", ""},
-        {" </a>", ""},
         {"<a>1</a></b>anything >", "<a>\n  1\n</a>\n"},
     };
     LogCapture log;
@@ -63,9 +56,8 @@ TEST(zqxml, reads_and_writes_trees)
         if (zq_xml_parse(xml.get(), row.text) == 0) {
             EXPECT_EQ(output(xml.get()), row.output);
         } else {
-            std::vector<LogLine> lines = log.take();
-            CHECK_PROMISE(lines.size() == 1 && lines[0].level == 7);
-            CHECK_PROMISE(lines[0].text.starts_with("not enough memory for "));
+            const std::string line = testing::PrintToString(log.take());
+            CHECK_PROMISE(line.starts_with("{ [7] not enough memory for "));
             CHECK_PROMISE(output(xml.get()).empty());
         }
     }
@@ -74,39 +66,29 @@ TEST(zqxml, reads_and_writes_trees)
 TEST(zqxml, refuses_with_a_reason_and_is_empty_then)
 {
     const struct {
-        const char *text;
-        const char *line; // null: refused silently
+        const char *text, *line; // no line: refused silently
     } rows[] = {
         {"<a<", "unexpected '<', tagstate 1"},
         {"<a <", "unexpected '<', tagstate 2"},
         {"<a></a<", "unexpected '<', tagstate 4"},
         {"<", "xml too short to finish this tag"},
-        {"<a><", "xml too short to finish this tag"},
         {"<a>v<", "xml too short to finish this tag"},
-        {">", "unexpected '>', tagstate 0"},
         {"v>", "unexpected '>', tagstate 0"},
-        {"<a>>", "unexpected '>', tagstate 3"},
         {"<a>v>", "unexpected '>', tagstate 3"},
         {"<a><b/>>", "unexpected '>', tagstate 0"},
         {"<a></>", "end tag len 0 != start tag len 1"},
         {"<a></ab>", "end tag len 2 != start tag len 1"},
-        {"<a></ a>", "end tag len 2 != start tag len 1"},
         {"<a></A>", "end tag does not match with start tag"},
         {"<x><y>1</z></x>", "end tag does not match with start tag"},
         {"<a", "XML ended unexpectedly, tagstate 1"},
         {"<a ", "XML ended unexpectedly, tagstate 2"},
         {"<a>", "XML ended unexpectedly, tagstate 3"},
-        {"<a>v", "XML ended unexpectedly, tagstate 3"},
-        {"<a><b/>", "XML ended unexpectedly, tagstate 3"},
         {"<a><b/> ", "XML ended unexpectedly, tagstate 3"},
-        {"<a><b", "XML ended unexpectedly, tagstate 1"},
         {"<a></", "XML ended unexpectedly, tagstate 4"},
-        {"<x><y>1</y>text</x>", nullptr},
         {"<x><y>1</y>text<z/></x>", nullptr},
         {"<x><y>1</y>\t</x>", nullptr},
         {"<x>v<y/>text</x>", nullptr},
         {"v<a>w</a>", nullptr},
-        {"v</a>", nullptr},
         {"<a/>v</b>", nullptr},
     };
     LogCapture log;
@@ -117,12 +99,10 @@ TEST(zqxml, refuses_with_a_reason_and_is_empty_then)
         zq_xml_parse(xml.get(), "<old/>");
         log.take();
         EXPECT_EQ(zq_xml_parse(xml.get(), row.text), -1);
-        std::vector<LogLine> expected;
+        std::vector<LogLine> lines;
         if (row.line)
-            expected.push_back({6, row.line});
-        if (!faults_injected()) {
-            EXPECT_EQ(log.take(), expected);
-        }
+            lines.push_back({6, row.line});
+        EXPECT_EQ(log.take(), lines);
         CHECK_PROMISE(output(xml.get()).empty());
     }
 }
@@ -131,26 +111,24 @@ TEST(zqxml, finds_values_by_path)
 {
     Xml xml(zq_xml_create());
     ASSERT_TRUE(xml);
-    ASSERT_TRUE(zq_xml_parse(xml.get(), "<?xml version=\"1.0\"?><a>1</a>"
-                                        "<x><y>2</y><Y>3</Y><y><z#>4 </z#><w></w></y></x>") == 0 ||
-                faults_injected());
     auto value = [&](auto... path) {
         const char *start = "unset";
         size_t len = 99;
         int result = zq_xml_query_value_const(xml.get(), &start, &len, path..., nullptr);
         ZqString copy(zq_xml_query_value(xml.get(), path..., nullptr));
         if (result != 0) {
-            EXPECT_TRUE(!copy && !start && len == 0);
+            CHECK_PROMISE(!copy && !start && len == 0);
             return std::string("absent");
         }
         EXPECT_EQ(start == nullptr, len == 0);
         std::string found(start ? start : "", len);
-        EXPECT_TRUE(faults_injected() || (copy && copy.get() == found));
+        EXPECT_STREQ(copy.get(), found.c_str());
         return found;
     };
     LogCapture log;
-    if (value("a") == "absent")
-        return; // not parsed for lack of memory
+    if (zq_xml_parse(xml.get(), "<?xml version=\"1.0\"?><a>1</a>"
+                                "<x><y>2</y><Y>3</Y><y><z#>4 </z#><w></w></y></x>") != 0)
+        return; // for lack of memory
     EXPECT_EQ(value("a"), "1");
     EXPECT_EQ(value("x"), "");
     EXPECT_EQ(value("x", "y"), "2");
@@ -162,9 +140,8 @@ TEST(zqxml, finds_values_by_path)
     EXPECT_EQ(value("x", "y", "z##", 0u), "absent");
     EXPECT_EQ(value("y"), "absent");
     EXPECT_EQ(value("a", "a"), "absent");
-    EXPECT_EQ(value(""), "absent");
     EXPECT_EQ(value(), "") << "the first node, a declaration here";
-    EXPECT_TRUE(faults_injected() || log.take().empty());
+    EXPECT_EQ(log.take(), std::vector<LogLine>{});
 }
 
 static std::string repeated(const std::string &text, size_t count)
@@ -188,15 +165,13 @@ TEST(zqxml, depth_and_length_cost_no_stack)
         ASSERT_TRUE(xml);
         for (const std::string &text : {nested, top_level, siblings}) {
             EXPECT_EQ(zq_xml_parse(xml.get(), text.substr(0, text.size() - 1).c_str()), -1);
-            EXPECT_TRUE(zq_xml_parse(xml.get(), text.c_str()) == 0 || faults_injected());
+            EXPECT_EQ(zq_xml_parse(xml.get(), text.c_str()), 0);
         }
         if (output(xml.get()).empty())
             return; // not parsed for lack of memory
         EXPECT_EQ(output(xml.get()).size(), 8 * count + 31);
-        ZqString last(zq_xml_query_value(xml.get(), "x", "a/#", unsigned(count), nullptr));
-        EXPECT_EQ(last, nullptr);
-        last.reset(zq_xml_query_value(xml.get(), "x", "b", nullptr));
-        EXPECT_TRUE(faults_injected() || std::string(last.get()) == "last");
+        ZqString last(zq_xml_query_value(xml.get(), "x", "b", nullptr));
+        EXPECT_STREQ(last.get(), "last");
 
         std::string deep = repeated("<a>", depth) + repeated("</a>", depth);
         if (zq_xml_parse(xml.get(), deep.c_str()) != 0)
@@ -214,18 +189,12 @@ TEST(zqxml, misuse)
     ASSERT_TRUE(xml);
     const char *value;
     size_t len;
-    const char *source = "adt/zqxml";
-    EXPECT_MISUSE(zq_xml_destroy(NULL), source, "zq_xml_destroy", "zqxml != NULL");
-    EXPECT_MISUSE(zq_xml_parse(NULL, ""), source, "zq_xml_parse", "zqxml != NULL");
-    EXPECT_MISUSE(zq_xml_output(NULL, stdout), source, "zq_xml_output", "zqxml != NULL");
-    EXPECT_MISUSE(zq_xml_output(xml.get(), NULL), source, "zq_xml_output", "out != NULL");
-    EXPECT_MISUSE(zq_xml_query_value(NULL, NULL), source, "zq_xml_query_value", "zqxml != NULL");
-    EXPECT_MISUSE(zq_xml_query_value_const(NULL, &value, &len, NULL), source,
-                  "zq_xml_query_value_const", "zqxml != NULL");
-    EXPECT_MISUSE(zq_xml_query_value_const(xml.get(), NULL, &len, NULL), source,
-                  "zq_xml_query_value_const", "valueptr != NULL");
-    EXPECT_MISUSE(zq_xml_query_value_const(xml.get(), &value, NULL, NULL), source,
-                  "zq_xml_query_value_const", "valuelenptr != NULL");
-    EXPECT_MISUSE(zq_xml_query_value(xml.get(), NULL), source, "zq_xml_query_path",
-                  "zqxmlnode != NULL");
+#define MISUSE(call, function, expression) EXPECT_MISUSE(call, "adt/zqxml", function, expression)
+    MISUSE(zq_xml_parse(NULL, ""), "zq_xml_parse", "zqxml != NULL");
+    MISUSE(zq_xml_output(xml.get(), NULL), "zq_xml_output", "out != NULL");
+    MISUSE(zq_xml_query_value_const(xml.get(), NULL, &len, NULL), "zq_xml_query_value_const",
+           "valueptr != NULL");
+    MISUSE(zq_xml_query_value_const(xml.get(), &value, NULL, NULL), "zq_xml_query_value_const",
+           "valuelenptr != NULL");
+    MISUSE(zq_xml_query_value(xml.get(), NULL), "zq_xml_query_path", "zqxmlnode != NULL");
 }
