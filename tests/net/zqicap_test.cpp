@@ -1,7 +1,6 @@
 #include "zq/net/zqicap.h"
 
 #include <gtest/gtest.h>
-#include <optional>
 #include <vector>
 
 #include "tests/support/expect.h"
@@ -13,7 +12,9 @@ using Icap = Owned<zqicap, zq_icap_destroy>;
 using Lines = std::vector<LogLine>;
 
 enum Method { NONE, REQMOD, RESPMOD, OPTIONS };
+static const char *const method_names[] = {"", "REQMOD", "RESPMOD", "OPTIONS"};
 
+// HTTP headers of 29, 30 and 50 bytes.
 static const std::string reqhdr = "POST /p HTTP/1.1\r\nHost: h\r\n\r\n";
 static const std::string reshdr = "HTTP/1.1 200 OK\r\nServer: s\r\n\r\n";
 static const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: X, Chunked\r\n\r\n";
@@ -22,8 +23,8 @@ static const std::string status_204 = "ICAP/1.0 204 No Content\r\nISTag: \"a\"\r
 // What a client is told to send.
 struct Parts {
     Method method = NONE;
-    std::string reqhdr, reshdr, reqbody, resbody;
-    std::vector<std::string> pieces; // from the body callback
+    std::string reqhdr = {}, reshdr = {}, reqbody = {}, resbody = {};
+    std::vector<std::string> pieces = {}; // from the body callback
     bool allow204 = false;
 };
 
@@ -40,20 +41,18 @@ static size_t next_piece(void *buffer, size_t capacity, void *context)
 
 static void prepare(zqicap *icap, Parts &parts)
 {
-    if (parts.method == REQMOD)
-        zq_icap_set_method_reqmod(icap);
-    else if (parts.method == RESPMOD)
-        zq_icap_set_method_respmod(icap);
-    else if (parts.method == OPTIONS)
-        zq_icap_set_method_options(icap);
-    if (!parts.reqhdr.empty())
-        zq_icap_set_request_headers(icap, parts.reqhdr.data(), parts.reqhdr.size());
-    if (!parts.reshdr.empty())
-        zq_icap_set_response_headers(icap, parts.reshdr.data(), parts.reshdr.size());
-    if (!parts.reqbody.empty())
-        zq_icap_set_request_body(icap, parts.reqbody.data(), parts.reqbody.size());
-    if (!parts.resbody.empty())
-        zq_icap_set_response_body(icap, parts.resbody.data(), parts.resbody.size());
+    void (*const set_method[])(zqicap *) = {nullptr, zq_icap_set_method_reqmod,
+                                            zq_icap_set_method_respmod, zq_icap_set_method_options};
+    if (parts.method != NONE)
+        set_method[parts.method](icap);
+    auto set = [icap](auto function, const std::string &part) {
+        if (!part.empty())
+            function(icap, part.data(), part.size());
+    };
+    set(zq_icap_set_request_headers, parts.reqhdr);
+    set(zq_icap_set_response_headers, parts.reshdr);
+    set(zq_icap_set_request_body, parts.reqbody);
+    set(zq_icap_set_response_body, parts.resbody);
     if (!parts.pieces.empty())
         zq_icap_set_request_body_callback(icap, next_piece, &parts.pieces);
     if (parts.allow204)
@@ -85,13 +84,13 @@ struct Exchange {
         lines = log.take();
     }
 
-    std::optional<std::string> body() const
+    std::string body() const
     {
         void *data = nullptr;
         size_t size = 1;
         if (zq_icap_get_response_body_and_size(icap.get(), &data, &size) != ZQ_ERROR_NONE) {
             EXPECT_TRUE(data == nullptr && size == 0);
-            return std::nullopt;
+            return "(none)";
         }
         ZqString owner(static_cast<char *>(data));
         return std::string(static_cast<char *>(data), size);
@@ -105,268 +104,175 @@ struct Exchange {
     }
 };
 
-TEST(zqicap, requests_go_out_byte_for_byte)
-{
-    const std::string request_size = std::to_string(reqhdr.size());
-    const std::string chunked_request = "POST / HTTP/1.1\r\nTransfer-encoding: chunked\r\n\r\n";
-    const struct {
-        Parts parts;
-        std::string method, allow, encapsulated, rest;
-    } rows[] = {
-        {{OPTIONS, "", "", "", "", {}}, "OPTIONS", "", "null-body=0", ""},
-        {{REQMOD, reqhdr, "", "", "", {}},
-         "REQMOD",
-         "",
-         "req-hdr=0, null-body=" + request_size,
-         reqhdr},
-        {{REQMOD, reqhdr, "", "0123456789", "", {}, true},
-         "REQMOD",
-         "Allow: 204\r\n",
-         "req-hdr=0, req-body=" + request_size,
-         reqhdr + "a\r\n0123456789\r\n0\r\n\r\n"},
-        {{RESPMOD, reqhdr, reshdr, "", "body", {}},
-         "RESPMOD",
-         "",
-         "req-hdr=0, res-hdr=" + request_size +
-             ", res-body=" + std::to_string(reqhdr.size() + reshdr.size()),
-         reqhdr + reshdr + "4\r\nbody\r\n0\r\n\r\n"},
-        {{RESPMOD, "", chunked, "", "2\r\nab\r\n0\r\n\r\n", {}},
-         "RESPMOD",
-         "",
-         "res-hdr=0, res-body=" + std::to_string(chunked.size()),
-         chunked + "2\r\nab\r\n0\r\n\r\n"},
-        // The pieces of a callback follow each other without a line end and replace a stored body.
-        {{REQMOD, reqhdr, "", "stored", "", {"abc", std::string(4096, 'x')}},
-         "REQMOD",
-         "",
-         "req-hdr=0, req-body=" + request_size,
-         reqhdr + "3\r\nabc1000\r\n" + std::string(4096, 'x') + "\r\n0\r\n\r\n"},
-        {{REQMOD, chunked_request, "", "", "", {"1\r\na\r\n", "0\r\n\r\n"}},
-         "REQMOD",
-         "",
-         "req-hdr=0, req-body=" + std::to_string(chunked_request.size()),
-         chunked_request + "1\r\na\r\n0\r\n\r\n"},
-        // With RESPMOD a callback is announced and never called.
-        {{RESPMOD, "", reshdr, "", "", {"abc"}},
-         "RESPMOD",
-         "",
-         "res-hdr=0, res-body=" + std::to_string(reshdr.size()),
-         reshdr},
-    };
-    for (const auto &row : rows) {
-        Exchange exchange(row.parts, status_204);
-        if (faults_injected())
-            continue;
-        EXPECT_EQ(exchange.error, 0u);
-        EXPECT_EQ(exchange.request,
-                  row.method + " " + exchange.url + " ICAP/1.0\r\nHost: " + "127.0.0.1\r\n" +
-                      row.allow + "Encapsulated: " + row.encapsulated + "\r\n\r\n" + row.rest);
-        EXPECT_EQ(exchange.body(), std::nullopt);
-        EXPECT_EQ(zq_icap_get_status_code(exchange.icap.get()), 204);
-    }
-}
-
-TEST(zqicap, requests_that_break_the_rules_are_not_sent)
-{
-    const std::string reqmod = "invalid set of encapsulated parts for REQMOD";
-    const std::string respmod = "invalid set of encapsulated parts for RESPMOD";
-    const std::string options = "no encapsulated parts allowed for OPTIONS";
-    const struct {
-        Parts parts;
-        zqerror error;
-        LogLine line;
-    } rows[] = {
-        {{REQMOD, "", "", "", "", {}}, 71, {7, reqmod}},
-        {{REQMOD, reqhdr, reshdr, "", "", {}}, 71, {7, reqmod}},
-        {{REQMOD, reqhdr, "", "", "b", {}}, 71, {7, reqmod}},
-        {{RESPMOD, reqhdr, "", "", "", {}}, 71, {7, respmod}},
-        {{RESPMOD, "", reshdr, "b", "", {}}, 71, {7, respmod}},
-        {{OPTIONS, reqhdr, "", "", "", {}}, 71, {7, options}},
-        {{NONE, reqhdr, "", "", "", {}}, 22, {6, "INTERNAL ERROR: Unrecognized method 0"}},
-    };
-    for (const auto &row : rows) {
-        Exchange exchange(row.parts, "");
-        EXPECT_EQ(exchange.request, "");
-        if (faults_injected())
-            continue;
-        EXPECT_EQ(exchange.error, row.error);
-        EXPECT_EQ(exchange.lines, Lines{row.line});
-    }
-}
-
 static std::string reply(const std::string &encapsulated, const std::string &rest = "")
 {
     return "ICAP/1.0 200 OK\r\nEncapsulated: " + encapsulated + "\r\n\r\n" + rest;
 }
 
-static const Parts options = {OPTIONS, "", "", "", "", {}};
-static const Parts respmod = {RESPMOD, "", reshdr, "", "", {}};
-static const Parts reqmod = {REQMOD, reqhdr, "", "", "", {}};
-static const Parts keeping = {RESPMOD, "", chunked, "", "", {}};
+static const Parts options = {OPTIONS};
+static const Parts respmod = {RESPMOD, "", reshdr};
+static const Parts reqmod = {REQMOD, reqhdr};
+
+// ---- requests ----
+
+TEST(zqicap, requests_go_out_byte_for_byte)
+{
+    auto expect = [](const Parts &parts, const std::string &encapsulated, const std::string &rest) {
+        Exchange exchange(parts, status_204);
+        if (faults_injected())
+            return;
+        EXPECT_EQ(exchange.error, 0u);
+        EXPECT_EQ(exchange.request, method_names[parts.method] + (" " + exchange.url) +
+                                        " ICAP/1.0\r\nHost: 127.0.0.1\r\n" +
+                                        (parts.allow204 ? "Allow: 204\r\n" : "") +
+                                        "Encapsulated: " + encapsulated + "\r\n\r\n" + rest);
+        EXPECT_EQ(exchange.body(), "(none)");
+        EXPECT_EQ(zq_icap_get_status_code(exchange.icap.get()), 204);
+    };
+    expect(options, "null-body=0", "");
+    expect(reqmod, "req-hdr=0, null-body=29", reqhdr);
+    expect({REQMOD, reqhdr, "", "0123456789", "", {}, true}, "req-hdr=0, req-body=29",
+           reqhdr + "a\r\n0123456789\r\n0\r\n\r\n");
+    expect({RESPMOD, reqhdr, reshdr, "", "body"}, "req-hdr=0, res-hdr=29, res-body=59",
+           reqhdr + reshdr + "4\r\nbody\r\n0\r\n\r\n");
+    expect({RESPMOD, "", chunked, "", "2\r\nab\r\n0\r\n\r\n"}, "res-hdr=0, res-body=50",
+           chunked + "2\r\nab\r\n0\r\n\r\n");
+    // The pieces of a callback follow each other without a line end and replace a stored body.
+    const std::string x4096(4096, 'x');
+    expect({REQMOD, reqhdr, "", "stored", "", {"abc", x4096}}, "req-hdr=0, req-body=29",
+           reqhdr + "3\r\nabc1000\r\n" + x4096 + "\r\n0\r\n\r\n");
+    expect({REQMOD, chunked, "", "", "", {"1\r\na\r\n", "0\r\n\r\n"}}, "req-hdr=0, req-body=50",
+           chunked + "1\r\na\r\n0\r\n\r\n");
+    // With RESPMOD a callback is announced and never called.
+    expect({RESPMOD, "", reshdr, "", "", {"abc"}}, "res-hdr=0, res-body=30", reshdr);
+}
+
+static void expect_failure(const Parts &parts, const std::string &reply, zqerror error,
+                           const Lines &lines)
+{
+    Exchange exchange(parts, reply);
+    if (faults_injected())
+        return;
+    EXPECT_EQ(exchange.error, error) << reply;
+    EXPECT_EQ(exchange.lines, lines) << reply;
+    if (reply.empty() && error != ZQ_ERROR_END_OF_FILE) {
+        EXPECT_EQ(exchange.request, "");
+    }
+}
+
+TEST(zqicap, requests_that_break_the_rules_are_not_sent)
+{
+    const Lines bad_reqmod = {{7, "invalid set of encapsulated parts for REQMOD"}};
+    const Lines bad_respmod = {{7, "invalid set of encapsulated parts for RESPMOD"}};
+    expect_failure({REQMOD}, "", 71, bad_reqmod);
+    expect_failure({REQMOD, reqhdr, reshdr}, "", 71, bad_reqmod);
+    expect_failure({REQMOD, reqhdr, "", "", "b"}, "", 71, bad_reqmod);
+    expect_failure({RESPMOD, reqhdr}, "", 71, bad_respmod);
+    expect_failure({RESPMOD, "", reshdr, "b"}, "", 71, bad_respmod);
+    expect_failure({OPTIONS, reqhdr}, "", 71, {{7, "no encapsulated parts allowed for OPTIONS"}});
+    expect_failure({NONE, reqhdr}, "", 22, {{6, "INTERNAL ERROR: Unrecognized method 0"}});
+}
+
+// ---- replies ----
 
 TEST(zqicap, replies)
 {
-    const struct {
-        Parts parts;
-        std::string reply;
-        std::optional<std::string> body;
-        std::string headers;
-    } rows[] = {
-        {respmod, reply("res-hdr=0, res-body=3", "abc5\r\nhello\r\n0\r\n\r\n"), "hello", "abc"},
-        {respmod, reply("res-hdr=0, null-body=3", "abcdef"), {}, "abc"},
-        {respmod, reply("null-body=0"), {}, "(none)"},
-        {reqmod, reply("res-hdr=0, res-body=2", "ab1E\n" + std::string(30, 'x') + "\n\n"),
-         std::string(30, 'x'), "ab"},
-        {options, reply("opt-body=0", "1\r\na\r\n0\r\n"), "a", "(none)"},
-        // The zero chunk is kept twice.
-        {keeping, reply("res-body=0", "5\r\nhello\r\n0\r\n\r\n"),
-         "5\r\nhello\r\n0\r\n\r\n0\r\n\r\n", "(none)"},
-    };
-    for (const auto &row : rows) {
-        for (size_t piece : {0, 1}) {
-            Exchange exchange(row.parts, row.reply, piece);
+    auto expect = [](const Parts &parts, const std::string &reply, const std::string &headers,
+                     const std::string &body) {
+        for (size_t piece : {0u, 1u}) {
+            Exchange exchange(parts, reply, piece);
             if (faults_injected())
                 continue;
-            EXPECT_EQ(exchange.error, 0u) << row.reply;
-            EXPECT_EQ(exchange.lines, Lines{}) << row.reply;
-            EXPECT_EQ(exchange.body(), row.body) << row.reply;
-            EXPECT_EQ(exchange.text(zq_icap_get_response_headers), row.headers) << row.reply;
+            EXPECT_EQ(exchange.error, 0u) << reply;
+            EXPECT_EQ(exchange.lines, Lines{}) << reply;
+            EXPECT_EQ(exchange.body(), body) << reply;
+            EXPECT_EQ(exchange.text(zq_icap_get_response_headers), headers) << reply;
         }
-    }
+    };
+    const std::string hello = "5\r\nhello\r\n0\r\n\r\n";
+    const std::string x30(30, 'x');
+    expect(respmod, reply("res-hdr=0, res-body=3", "abc" + hello), "abc", "hello");
+    expect(respmod, reply("res-hdr=0, null-body=3", "abcdef"), "abc", "(none)");
+    expect(respmod, reply("null-body=0"), "(none)", "(none)");
+    expect(reqmod, reply("res-hdr=0, res-body=2", "ab1E\n" + x30 + "\n\n"), "ab", x30);
+    expect(options, reply("opt-body=0", "1\r\na\r\n0\r\n"), "(none)", "a");
+    // The zero chunk is kept twice.
+    expect({RESPMOD, "", chunked}, reply("res-body=0", hello), "(none)", hello + "0\r\n\r\n");
 }
 
 TEST(zqicap, replies_that_break_the_protocol)
 {
-    const LogLine bad_body = {6, "unable to read encapsulated chunked body"};
-    const LogLine bad_value = {6, "unable to parse Encapsulated header"};
     const std::string ok = "ICAP/1.0 200 OK\r\n";
     const std::string long_line(4096, 'x');
-    const struct {
-        Parts parts;
-        std::string reply;
-        zqerror error;
-        Lines lines;
-    } rows[] = {
-        {respmod, "", 204, {{7, "unable to read ICAP result code, error 204 (end of file)"}}},
-        {respmod, "ICAP/1.0 2", 208, {{6, "reading a line did not terminate at a linefeed"}}},
-        {respmod,
-         long_line,
-         90,
-         {{6, "The result code line was too long to fit the buffer (4096 bytes)"}}},
-        {respmod,
-         "HTTP/1.0 200 OK\n",
-         71,
-         {{6, "The ICAP response 'HTTP/1.0 200 OK' did not start with 'ICAP/'"}}},
-        {respmod,
-         "ICAP/1.0\r\n",
-         71,
-         {{6, "The ICAP response 'ICAP/1.0' did not have the result code"}}},
-        {respmod,
-         "ICAP/1.0 2x0\r\n",
-         71,
-         {{6, "Invalid result code digit 'x' in response 'ICAP/1.0 2x0'"}}},
-        {respmod, ok, 204, {{7, "unable to read ICAP headers, error 204 (end of file)"}}},
-        {respmod, ok + "A: b", 208, {{6, "reading a header line did not terminate at a linefeed"}}},
-        {respmod,
-         ok + long_line,
-         90,
-         {{6, "The header line was too long to fit the buffer (4096 bytes)"}}},
-        {respmod,
-         ok + "Foo\r\n\r\n",
-         209,
-         {{7, "no colon (:) found while parsing the headers"}, {7, "parsing headers failed"}}},
-        {respmod, ok + "\r\n", 71, {{6, "no Encapsulated header in the ICAP response"}}},
-        {respmod, reply("res-body=7, res-hdr=0"), 71, {bad_value}},
-        {respmod,
-         reply("res-hdr=0,"),
-         71,
-         {{6, "unexpected end of string after a comma in encapsulated header 'res-hdr=0,'"},
-          bad_value}},
-        {respmod,
-         reply("res-hdr=0;"),
-         71,
-         {{6, "expected separator ',' in encapsulated header but got ';'"}, bad_value}},
-        {respmod,
-         reply("req-hdr=0,req-body=50"),
-         71,
-         {{6, "expected space after a comma in encapsulated header but got 'r'"}, bad_value}},
-        {respmod,
-         reply("res-hdr=99999999999999999999"),
-         71,
-         {{6, "converting the value in the encapsulated header 'res-hdr=99999999999999999999' "
-              "failed"},
-          bad_value}},
-        {respmod,
-         reply("res-body=0, null-body=0"),
-         71,
-         {{6, "other kind of bodies cannot be given when null-body is given: 'res-body=0, "
-              "null-body=0'"},
-          bad_value}},
-        {respmod,
-         reply("opt-body=0"),
-         71,
-         {{6, "opt-body can only be present in OPTIONS method: 'opt-body=0'"}, bad_value}},
-        {options,
-         reply("res-hdr=0, null-body=0"),
-         71,
-         {{6, "OPTIONS method can only contain opt-body or null-body: 'res-hdr=0, null-body=0'"},
-          bad_value}},
-        {respmod,
-         reply("req-hdr=0, res-hdr=0, res-body=0"),
-         71,
-         {{6, "req-hdr and res-hdr cannot be present at the same time: 'req-hdr=0, res-hdr=0, "
-              "res-body=0'"},
-          {6, "RESPMOD method can only contain res-hdr and res-body or null-body: 'req-hdr=0, "
-              "res-hdr=0, res-body=0'"},
-          bad_value}},
-        {reqmod,
-         reply("req-hdr=0, res-body=0"),
-         71,
-         {{6, "REQMOD method can only contain req-hdr and req-body or res-hdr and res-body (or "
-              "null-body): 'req-hdr=0, res-body=0'"},
-          bad_value}},
-        {respmod,
-         reply("res-hdr=0"),
-         71,
-         {{6, "no body for RESPMOD in encapsulated: 'res-hdr=0'"}, bad_value}},
-        {reqmod,
-         reply("req-hdr=0"),
-         71,
-         {{6, "no body for REQMOD in encapsulated: 'req-hdr=0'"}, bad_value}},
-        {respmod,
-         reply("res-hdr=3, res-body=9"),
-         205,
-         {{6, "XXX UNSUPPORTED: non-zero encapsulated body header offset: 'res-hdr=3, "
-              "res-body=9'"},
-          bad_value}},
-        {respmod,
-         reply("res-body=0", "1e; ieof\r\n"),
-         71,
-         {{7, "extra data after the chunk size in '1e; ieof'"}, bad_body}},
-        {respmod,
-         reply("res-body=0", "11111111111111111\r\n"),
-         71,
-         {{7, "unable to parse the chunk size '11111111111111111'"}, bad_body}},
-        {respmod,
-         reply("res-body=0", "5\r\nhe"),
-         204,
-         {{7, "unable to read chunk size, error 204 (end of file)"}, bad_body}},
-        {respmod,
-         reply("res-body=0", "5"),
-         208,
-         {{6, "reading a chunk size line did not terminate at a linefeed"}, bad_body}},
-        {respmod,
-         reply("res-body=0", long_line),
-         90,
-         {{6, "The chunk size line was too long to fit the buffer (4096 bytes)"}, bad_body}},
+    auto expect = [](const std::string &reply, zqerror error, const Lines &lines) {
+        expect_failure(respmod, reply, error, lines);
     };
-    for (const auto &row : rows) {
-        Exchange exchange(row.parts, row.reply);
-        if (faults_injected())
-            continue;
-        EXPECT_EQ(exchange.error, row.error) << row.reply;
-        EXPECT_EQ(exchange.lines, row.lines) << row.reply;
-    }
+    expect("", 204, {{7, "unable to read ICAP result code, error 204 (end of file)"}});
+    expect("ICAP/1.0 2", 208, {{6, "reading a line did not terminate at a linefeed"}});
+    expect(long_line, 90,
+           {{6, "The result code line was too long to fit the buffer (4096 bytes)"}});
+    expect("HTTP/1.0 200 OK\n", 71,
+           {{6, "The ICAP response 'HTTP/1.0 200 OK' did not start with 'ICAP/'"}});
+    expect("ICAP/1.0\r\n", 71, {{6, "The ICAP response 'ICAP/1.0' did not have the result code"}});
+    expect("ICAP/1.0 2x0\r\n", 71,
+           {{6, "Invalid result code digit 'x' in response 'ICAP/1.0 2x0'"}});
+    expect(ok, 204, {{7, "unable to read ICAP headers, error 204 (end of file)"}});
+    expect(ok + "A: b", 208, {{6, "reading a header line did not terminate at a linefeed"}});
+    expect(ok + long_line, 90,
+           {{6, "The header line was too long to fit the buffer (4096 bytes)"}});
+    expect(ok + "Foo\r\n\r\n", 209,
+           {{7, "no colon (:) found while parsing the headers"}, {7, "parsing headers failed"}});
+    expect(ok + "\r\n", 71, {{6, "no Encapsulated header in the ICAP response"}});
+
+    auto expect_body = [&](const std::string &body, zqerror error, const LogLine &line) {
+        expect(reply("res-body=0", body), error,
+               {line, {6, "unable to read encapsulated chunked body"}});
+    };
+    expect_body("1e; ieof\r\n", 71, {7, "extra data after the chunk size in '1e; ieof'"});
+    expect_body("11111111111111111\r\n", 71,
+                {7, "unable to parse the chunk size '11111111111111111'"});
+    expect_body("5\r\nhe", 204, {7, "unable to read chunk size, error 204 (end of file)"});
+    expect_body("5", 208, {6, "reading a chunk size line did not terminate at a linefeed"});
+    expect_body(long_line, 90,
+                {6, "The chunk size line was too long to fit the buffer (4096 bytes)"});
+}
+
+TEST(zqicap, encapsulated_headers_that_break_the_protocol)
+{
+    // `text` is what is logged, "%" standing for the value.
+    auto expect = [](const Parts &parts, const std::string &value, const std::string &text,
+                     zqerror error = ZQ_ERROR_PROTOCOL, Lines lines = {}) {
+        std::string line = text;
+        if (size_t at = line.find('%'); at != line.npos)
+            line.replace(at, 1, "'" + value + "'");
+        if (!line.empty())
+            lines.push_back({6, line});
+        lines.push_back({6, "unable to parse Encapsulated header"});
+        expect_failure(parts, reply(value), error, lines);
+    };
+    expect(respmod, "res-body=7, res-hdr=0", "");
+    expect(respmod, "res-hdr=0,",
+           "unexpected end of string after a comma in encapsulated header %");
+    expect(respmod, "res-hdr=0;", "expected separator ',' in encapsulated header but got ';'");
+    expect(respmod, "req-hdr=0,req-body=50",
+           "expected space after a comma in encapsulated header but got 'r'");
+    expect(respmod, "res-hdr=99999999999999999999",
+           "converting the value in the encapsulated header % failed");
+    expect(respmod, "res-body=0, null-body=0",
+           "other kind of bodies cannot be given when null-body is given: %");
+    expect(respmod, "opt-body=0", "opt-body can only be present in OPTIONS method: %");
+    expect(options, "res-hdr=0, null-body=0",
+           "OPTIONS method can only contain opt-body or null-body: %");
+    const std::string both = "req-hdr=0, res-hdr=0, res-body=0";
+    expect(respmod, both, "RESPMOD method can only contain res-hdr and res-body or null-body: %",
+           71, {{6, "req-hdr and res-hdr cannot be present at the same time: '" + both + "'"}});
+    expect(reqmod, "req-hdr=0, res-body=0",
+           "REQMOD method can only contain req-hdr and req-body or res-hdr and res-body (or "
+           "null-body): %");
+    expect(respmod, "res-hdr=0", "no body for RESPMOD in encapsulated: %");
+    expect(reqmod, "req-hdr=0", "no body for REQMOD in encapsulated: %");
+    expect(respmod, "res-hdr=3, res-body=9",
+           "XXX UNSUPPORTED: non-zero encapsulated body header offset: %", 205);
 }
 
 TEST(zqicap, replies_cut_off_anywhere_end_without_a_wait)
@@ -386,6 +292,21 @@ TEST(zqicap, replies_cut_off_anywhere_end_without_a_wait)
         EXPECT_FALSE(stalled.lines.empty());
     }
 }
+
+// Neither side has room for what the other sends, so each waits for the other to read.
+TEST(zqicap, an_early_reply_does_not_block_the_request)
+{
+    if (faults_injected())
+        return; // nothing here that another test does not allocate
+    const std::string large(5 << 20, 'x');
+    Exchange exchange({RESPMOD, "", reshdr, "", large},
+                      reply("res-hdr=0, null-body=3", "abc" + large));
+    EXPECT_EQ(exchange.error, 0u);
+    EXPECT_EQ(exchange.text(zq_icap_get_response_headers), "abc");
+    EXPECT_TRUE(exchange.request.ends_with(large + "\r\n0\r\n\r\n"));
+}
+
+// ---- the object ----
 
 TEST(zqicap, settings_serve_one_exchange_and_raw_headers_accumulate)
 {
@@ -412,8 +333,12 @@ TEST(zqicap, parts_and_urls_that_cannot_be_used)
     ASSERT_TRUE(icap);
     zq_icap_set_method_options(icap.get());
     EXPECT_EQ(zq_icap_perform(icap.get()), ZQ_ERROR_INVALID_ARGUMENT + 0u);
-    EXPECT_EQ(log.take(), (Lines{{6, "no URL set"}}));
-
+    zq_icap_set_url(icap.get(), "icap//");
+    zq_icap_set_method_options(icap.get());
+    EXPECT_EQ(zq_icap_perform(icap.get()), ZQ_ERROR_INVALID_ARGUMENT + 0u);
+    EXPECT_EQ(log.take(), (Lines{{6, "no URL set"},
+                                 {6, "URL 'icap//' has no colon after scheme"},
+                                 {7, "unable to parse the URL 'icap//'"}}));
     // The part stays set, its headers are not known.
     const std::string odd = "GET / HTTP/1.0\r\nodd\r\n\r\n";
     zqerror error = zq_icap_set_request_headers(icap.get(), odd.data(), odd.size());
@@ -428,8 +353,6 @@ TEST(zqicap, parts_and_urls_that_cannot_be_used)
     EXPECT_MISUSE(zq_icap_perform(nullptr), "net/zqicap", "zq_icap_perform", "zqicap != NULL");
     EXPECT_MISUSE(zq_icap_set_response_headers(icap.get(), nullptr, 1), "net/zqicap",
                   "zq_icap_set_response_headers", "reshdr != NULL");
-    EXPECT_MISUSE(zq_icap_set_response_body(icap.get(), "", 0), "net/zqicap",
-                  "zq_icap_set_response_body", "size > 0");
     EXPECT_MISUSE(zq_icap_http_part_has_chunked_transfer(nullptr, &value), "net/zqicap",
                   "zq_icap_http_part_has_chunked_transfer", "part != NULL");
 }
