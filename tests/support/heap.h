@@ -2,9 +2,10 @@
 #define TESTS_SUPPORT_HEAP_H
 
 // A program that includes this has its own malloc() and calloc() in front of the system's, which
-// can count and fail the allocations of a thread. (Not under ThreadSanitizer: see
-// heap_is_watched().)
+// can count and fail the allocations of a thread.
 
+// False under ThreadSanitizer, where it cannot, and while the library injects faults, where nobody
+// can tell which allocation is to fail.
 bool heap_is_watched();
 
 // The allocations that this thread has asked for so far.
