@@ -3,30 +3,28 @@
 #include <algorithm>
 #include <atomic>
 #include <barrier>
-#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <set>
-#include <sstream>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "tests/support/expect.h"
 #include "tests/support/heap.h"
 #include "tests/support/interpose.h"
 #include "tests/support/scratch.h"
 
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
-using testing::StartsWith;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
 
 using Text = std::unique_ptr<char, decltype([](char *text) { free(text); })>;
 
-static constexpr char DATABASE[] = "zqmallocfail.db";
-static constexpr char TOO_LONG[] =
-    "zq_mallocfail_file_load: buffer too short for loading stackframes (4096 bytes)\n";
+static const std::string DATABASE = "zqmallocfail.db";
+static const std::string LOADING = "zq_mallocfail_file_load: ";
 
 static std::atomic<bool> unbuffered_streams;
 
@@ -42,46 +40,26 @@ extern "C" FILE *fopen(const char *name, const char *mode)
 // Two call sites; each call returns whether it was given memory.
 [[gnu::noinline]] static bool site_one()
 {
-    char *block = static_cast<char *>(zq_mallocfail_malloc(10));
-    bool given = block != nullptr;
-    free(block);
-    return given;
+    Text block(static_cast<char *>(zq_mallocfail_malloc(10)));
+    return block != nullptr;
 }
 
 [[gnu::noinline]] static bool site_two()
 {
-    char *block = static_cast<char *>(zq_mallocfail_calloc(5, 2));
-    bool given = block != nullptr;
-    for (int i = 0; given && i < 10; i++)
-        EXPECT_EQ(block[i], 0);
-    free(block);
-    return given;
+    Text block(static_cast<char *>(zq_mallocfail_calloc(5, 2)));
+    EXPECT_TRUE(!block || memcmp(block.get(), "\0\0\0\0\0\0\0\0\0", 10) == 0);
+    return block != nullptr;
 }
 
 // Asks from a thread of its own, so that the path is the same from everywhere.
-static bool ask(bool (*site)())
+static bool ask(bool (*site)(), long failing = 0)
 {
     bool given = false;
-    std::thread([&] { given = site(); }).join();
+    std::thread([&] {
+        HeapFailure failure(failing);
+        given = site();
+    }).join();
     return given;
-}
-
-static std::vector<std::string> database_lines()
-{
-    std::istringstream text(read_file(DATABASE));
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(text, line);)
-        lines.push_back(line);
-    return lines;
-}
-
-static void write_database(const std::string &text)
-{
-    unlink(DATABASE);
-    FILE *file = fopen(DATABASE, "w");
-    ASSERT_TRUE(file);
-    fputs(text.c_str(), file);
-    fclose(file);
 }
 
 // Every test has a working directory and so a database of its own. In the walk these tests would
@@ -92,65 +70,50 @@ class zqmallocfail : public testing::Test {
     {
         if (faults_injected())
             GTEST_SKIP() << "tests the fault injection itself";
-        home = get_current_dir_name();
-        ASSERT_EQ(chdir(scratch.path().c_str()), 0);
+        std::filesystem::current_path(scratch.path());
+        // The path of site_one(), with a database that is then forgotten.
         zq_mallocfail_uninit();
+        EXPECT_FALSE(ask(site_one));
+        path = read_file(DATABASE);
+        load("");
     }
-
     void TearDown() override
     {
         unbuffered_streams = false;
+        std::filesystem::current_path(home);
         zq_mallocfail_uninit();
-        if (!home)
-            return;
-        EXPECT_EQ(chdir(home), 0);
-        free(home);
     }
-
-    // The path of ask(site), found out with a database that is then forgotten.
-    std::string path_of(bool (*site)())
+    // Lets the next decision load this database.
+    void load(const std::string &text)
     {
-        unlink(DATABASE);
         zq_mallocfail_uninit();
-        EXPECT_FALSE(ask(site));
-        std::string path = database_lines().at(0);
-        zq_mallocfail_uninit();
-        unlink(DATABASE);
-        return path;
+        unlink(DATABASE.c_str());
+        if (!text.empty())
+            scratch.write(DATABASE, text);
+    }
+    long lines()
+    {
+        const std::string text = read_file(DATABASE);
+        return std::count(text.begin(), text.end(), '\n');
     }
 
+    const std::filesystem::path home = std::filesystem::current_path();
     Scratch scratch;
-    char *home = nullptr;
+    std::string path; // and a line feed
 };
 
 TEST_F(zqmallocfail, a_path_fails_once)
 {
     EXPECT_FALSE(ask(site_one));
     EXPECT_TRUE(ask(site_one));
-    EXPECT_EQ(database_lines().size(), 1u);
     EXPECT_FALSE(ask(site_two));
     EXPECT_TRUE(ask(site_two));
-    EXPECT_EQ(database_lines().size(), 2u);
-    // From another caller the same site is another path.
-    EXPECT_FALSE(site_one());
-    EXPECT_EQ(database_lines().size(), 3u);
-}
-
-TEST_F(zqmallocfail, recorded_paths_succeed_in_a_later_run)
-{
-    EXPECT_FALSE(ask(site_one));
+    EXPECT_EQ(lines(), 2);
+    // In a later run too.
     zq_mallocfail_uninit();
     EXPECT_TRUE(ask(site_one));
-    EXPECT_EQ(database_lines().size(), 1u);
-
-    zq_mallocfail_uninit();
-    zq_mallocfail_uninit();
-    unlink(DATABASE);
-    EXPECT_FALSE(ask(site_one));
-}
-
-TEST_F(zqmallocfail, one_of_many_threads_fails)
-{
+    EXPECT_EQ(lines(), 2);
+    // From another caller the same site is another path, for one of many threads.
     std::barrier start(8);
     std::atomic<int> failures = 0;
     std::vector<std::thread> threads;
@@ -163,47 +126,30 @@ TEST_F(zqmallocfail, one_of_many_threads_fails)
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(failures, 1);
-    EXPECT_EQ(database_lines().size(), 1u);
+    EXPECT_EQ(lines(), 3);
 }
 
-TEST_F(zqmallocfail, a_thousand_paths_are_known)
+TEST_F(zqmallocfail, databases)
 {
-    const std::string path = path_of(site_one);
-    std::string text;
+    std::string thousand;
     for (int i = 0; i < 1000; i++)
-        text += path + "," + std::to_string(i) + "\n";
-    write_database(text + path + "\n");
+        thousand += std::to_string(i) + path;
+    load(thousand + path.substr(0, path.size() - 1)); // a line feed is not needed at the end
     EXPECT_TRUE(ask(site_one));
-    EXPECT_FALSE(ask(site_two));
-    EXPECT_EQ(database_lines().size(), 1002u);
-}
-
-TEST_F(zqmallocfail, loading_stops_at_a_line_too_long)
-{
-    const std::string path = path_of(site_one);
-    const struct {
-        size_t length; // with the line feed
-        bool loads;
-    } rows[] = {{1, true},     {4094, true},  {4095, false},
-                {4096, false}, {4097, false}, {9000, false}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.length);
-        const std::string filler = std::string(row.length - 1, 'x') + "\n";
+    // Loading stops at a line that is too long.
+    for (size_t length : {1, 4094, 4095, 4096, 4097, 9000}) {
+        const std::string filler = std::string(length - 1, 'x') + "\n";
         for (bool before : {true, false}) {
-            zq_mallocfail_uninit();
-            write_database(before ? path + "\n" + filler : filler + path + "\n");
-            testing::internal::CaptureStderr();
-            bool given = ask(site_one);
-            EXPECT_EQ(testing::internal::GetCapturedStderr(), row.loads ? "" : TOO_LONG);
-            EXPECT_EQ(given, before || row.loads);
+            load(before ? path + filler : filler + path);
+            CaptureStderr();
+            const bool given = ask(site_one);
+            EXPECT_EQ(GetCapturedStderr(),
+                      length < 4095 ? ""
+                                    : LOADING + "buffer too short for loading stackframes "
+                                                "(4096 bytes)\n");
+            EXPECT_EQ(given, before || length < 4095) << length;
         }
     }
-}
-
-TEST_F(zqmallocfail, the_last_line_needs_no_line_feed)
-{
-    write_database(path_of(site_one));
-    EXPECT_TRUE(ask(site_one));
 }
 
 // What cannot be written is still remembered for the rest of the run.
@@ -212,71 +158,30 @@ TEST_F(zqmallocfail, a_file_that_cannot_be_written)
     const struct {
         const char *target;
         bool buffered;
-        const char *report;
+        std::string report;
     } rows[] = {
-        {"/", true, "unable to append stacktrace in file zqmallocfail.db\n"},
-        {"/dev/full", false, "unable to write stacktrace in file zqmallocfail.db\n"},
+        {"/", true, "unable to append stacktrace in file " + DATABASE + "\n"},
+        {"/dev/full", false, "unable to write stacktrace in file " + DATABASE + "\n"},
         {"/dev/full", true, ""}, // only closing the file fails
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.report);
-        zq_mallocfail_uninit();
+        load("");
         ask(site_two); // loads the database, which such targets cannot be
-        unlink(DATABASE);
-        ASSERT_EQ(symlink(row.target, DATABASE), 0);
+        unlink(DATABASE.c_str());
+        ASSERT_EQ(symlink(row.target, DATABASE.c_str()), 0);
         unbuffered_streams = !row.buffered;
-        testing::internal::CaptureStderr();
+        CaptureStderr();
         EXPECT_FALSE(ask(site_one));
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), row.report);
+        EXPECT_EQ(GetCapturedStderr(), row.report);
         EXPECT_TRUE(ask(site_one));
-        unlink(DATABASE);
     }
 }
-
-TEST_F(zqmallocfail, a_backtrace_is_joined_frames_without_addresses)
-{
-    Text text(zq_mallocfail_backtrace_stacktrace());
-    ASSERT_TRUE(text);
-    EXPECT_THAT(text.get(), Not(HasSubstr("[")));
-    EXPECT_THAT(text.get(), Not(HasSubstr(" ")));
-    EXPECT_THAT(text.get(), HasSubstr("),/"));
-    EXPECT_THAT(text.get(), HasSubstr("(main+0x"));
-}
-
-// The sanitizers catch the call of backtrace() and add a frame of their own in front.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-extern "C" [[gnu::noinline]] char *backtrace_caller()
-{
-    char *text = zq_mallocfail_backtrace_stacktrace();
-    asm("");
-    return text;
-}
-
-TEST_F(zqmallocfail, a_backtrace_begins_with_the_caller)
-{
-    Text text(backtrace_caller());
-    ASSERT_TRUE(text);
-    std::string first = text.get();
-    first.resize(first.find(','));
-    EXPECT_THAT(first, HasSubstr("(backtrace_caller+0x"));
-}
-#endif
 
 [[gnu::noinline]] static char *backtrace_below(int depth)
 {
     char *text = depth > 0 ? backtrace_below(depth - 1) : zq_mallocfail_backtrace_stacktrace();
     asm("");
     return text;
-}
-
-TEST_F(zqmallocfail, a_backtrace_has_50_frames_at_most)
-{
-    Text text(backtrace_below(60));
-    ASSERT_TRUE(text);
-    auto commas = std::count(text.get(), text.get() + strlen(text.get()), ',');
-    EXPECT_GE(commas, 50 - 4 - 1);
-    EXPECT_LE(commas, 50 - 1);
-    EXPECT_THAT(text.get(), Not(HasSubstr("(main+")));
 }
 
 // Stands for the fault decision, the only one that the libunwind generator works for.
@@ -287,78 +192,64 @@ extern "C" [[gnu::noinline]] char *zq_mallocfail_checkfail()
     return text;
 }
 
-extern "C" [[gnu::noinline]] char *unwind_caller()
+extern "C" [[gnu::noinline]] char *stack_caller(char *(*stacktrace)())
 {
-    char *text = zq_mallocfail_checkfail();
+    char *text = stacktrace();
     asm("");
     return text;
 }
 
-TEST_F(zqmallocfail, an_unwound_stack_is_names_at_addresses)
+TEST_F(zqmallocfail, stacks_as_texts)
 {
-    Text text(unwind_caller());
+    // Frames without addresses, 50 at most.
+    Text text(stack_caller(zq_mallocfail_backtrace_stacktrace));
     ASSERT_TRUE(text);
-    EXPECT_THAT(text.get(), StartsWith("unwind_caller@"));
-    std::istringstream stream(text.get());
-    bool start_main = false;
-    for (std::string frame; std::getline(stream, frame, ',');) {
-        if (frame == "__libc_start_main")
-            start_main = true;
-        else
-            EXPECT_THAT(frame, testing::MatchesRegex("[^@]*@[0-9a-f]+"));
-    }
-    EXPECT_TRUE(start_main);
-}
-
-TEST_F(zqmallocfail, unwinding_serves_the_fault_decision_only)
-{
+    EXPECT_THAT(text.get(), Not(ContainsRegex("[[ ]")));
+    EXPECT_THAT(text.get(), HasSubstr("),/"));
+    EXPECT_THAT(text.get(), HasSubstr("(main+0x"));
+    // The sanitizers catch the call of backtrace() and add a frame of their own in front.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    EXPECT_THAT(text.get(), ContainsRegex("^[^,]*.stack_caller[+]0x"));
+#endif
+    const Text deep(backtrace_below(60));
+    ASSERT_TRUE(deep);
+    const std::string frames = deep.get();
+    EXPECT_GE(std::count(frames.begin(), frames.end(), ','), 50 - 4 - 1);
+    EXPECT_LE(std::count(frames.begin(), frames.end(), ','), 50 - 1);
+    // Names at addresses.
+    text.reset(stack_caller(zq_mallocfail_checkfail));
+    ASSERT_TRUE(text);
+    EXPECT_THAT(text.get(), testing::StartsWith("stack_caller@"));
+    EXPECT_THAT(text.get(), HasSubstr(",__libc_start_main,"));
+    EXPECT_THAT(text.get(), ContainsRegex(",main@[0-9a-f]+,"));
     EXPECT_MISUSE(zq_mallocfail_unwind_stacktrace(), "util/zqmallocfail",
                   "zq_mallocfail_unwind_skip", R"(strcmp(name, "zq_mallocfail_checkfail") == 0)");
 }
 
-static void ask_without_memory(long nth)
-{
-    HeapFailure failure(nth);
-    site_one();
-}
-
-TEST_F(zqmallocfail, without_memory_for_the_path_there_is_no_decision)
-{
-    if (!heap_is_watched())
-        GTEST_SKIP() << "cannot fail allocations";
-    EXPECT_MISUSE(ask_without_memory(1), "util/zqmallocfail", "zq_mallocfail_backtrace_stacktrace",
-                  "symbols != NULL");
-    EXPECT_MISUSE(ask_without_memory(2), "util/zqmallocfail", "zq_mallocfail_checkfail",
-                  "stacktrace != NULL");
-}
-
 // Whatever the database lacks memory for makes the path a new one; loading says where it stopped.
-TEST_F(zqmallocfail, without_memory_for_the_database_paths_are_new)
+TEST_F(zqmallocfail, without_memory)
 {
     if (!heap_is_watched())
         GTEST_SKIP() << "cannot fail allocations";
-    const std::string path = path_of(site_one);
+    EXPECT_MISUSE(ask(site_one, 1), "util/zqmallocfail", "zq_mallocfail_backtrace_stacktrace",
+                  "symbols != NULL");
+    EXPECT_MISUSE(ask(site_one, 2), "util/zqmallocfail", "zq_mallocfail_checkfail",
+                  "stacktrace != NULL");
     std::set<std::string> reports;
-    for (long nth = 3; nth < 20; nth++) {
-        SCOPED_TRACE(nth);
-        zq_mallocfail_uninit();
-        write_database("first\n" + path + "\n");
-        testing::internal::CaptureStderr();
-        bool given = false;
-        std::thread([&] {
-            HeapFailure failure(nth);
-            given = site_one();
-        }).join();
-        std::string text = testing::internal::GetCapturedStderr();
-        EXPECT_FALSE(given && !text.empty());
+    for (long nth = 6; nth < 40; nth++) {
+        load("123456789\n" + path);
+        CaptureStderr();
+        const bool given = ask(nth % 2 ? site_one : site_two, nth / 2);
+        const std::string text = GetCapturedStderr();
+        EXPECT_FALSE(given && !text.empty()) << nth;
         reports.insert(text);
     }
-    const std::string loading = "zq_mallocfail_file_load: not enough memory for ";
-    const std::string size = std::to_string(path.size() + 1);
+    const std::string none = LOADING + "not enough memory for ";
+    const std::string path_size = std::to_string(path.size());
     EXPECT_THAT(reports, testing::ElementsAre(
                              "", "unable to append stacktrace in file zqmallocfail.db\n",
-                             loading + "line buffer (4096 bytes)\n",
-                             testing::MatchesRegex(loading + "stackframe entry .[0-9]+ bytes.\n"),
-                             loading + "stacktrace (" + size + " bytes)\n",
-                             loading + "stacktrace (6 bytes)\n"));
+                             none + "line buffer (4096 bytes)\n",
+                             testing::MatchesRegex(none + "stackframe entry .[0-9]+ bytes.\n"),
+                             none + "stacktrace (10 bytes)\n",
+                             none + "stacktrace (" + path_size + " bytes)\n"));
 }
