@@ -35,6 +35,13 @@ class FaultLines {
 
     // Ends a step.
     void step();
+    // The same behind a call, whose result this passes on.
+    template <class T>
+    T step(T result)
+    {
+        step();
+        return result;
+    }
 
   private:
     LogCapture log;
