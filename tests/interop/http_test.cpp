@@ -1,14 +1,11 @@
 // The HTTP client against servers of other people: nginx and tinyproxy.
 
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <gtest/gtest.h>
 #include <malloc.h>
-#include <memory>
 #include <random>
-#include <string>
+#include <tuple>
 
 #include "tests/support/expect.h"
 #include "tests/support/log_capture.h"
@@ -29,11 +26,6 @@ static std::string random_bytes(size_t size)
     return bytes;
 }
 
-static std::string sha256_of(const std::string &path)
-{
-    return run({"sha256sum", path}).out.substr(0, 64);
-}
-
 class http_interop : public testing::Test {
   protected:
     static void SetUpTestSuite()
@@ -45,12 +37,10 @@ class http_interop : public testing::Test {
         for (const char *directory : {"www/put", "temp"})
             std::filesystem::create_directories(scratch->file(directory));
         scratch->write("www/page.txt", "a page\n");
-        scratch->write("www/ssi.html", "<!--# set var=\"a\" value=\"b\" -->[<!--# echo var=\"a\" "
-                                       "-->]\n");
+        scratch->write("www/ssi.html",
+                       R"([<!--# set var="a" value="b" --><!--# echo var="a" -->])");
         scratch->write("www/slow", random_bytes(24 << 10));
         scratch->write("www/medium", random_bytes(1 << 20));
-        scratch->write("www/large", random_bytes(64 << 20));
-
         port = free_port();
         nginx =
             start("nginx", port, {"-p", scratch->path(), "-e", scratch->file("error.log"), "-c"});
@@ -114,37 +104,21 @@ int http_interop::port, http_interop::proxy_port;
 
 TEST_F(http_interop, statuses_and_redirects)
 {
-    const struct {
-        const char *target;
-        zqerror result;
-        int32_t status;
-        const char *body; // null: any
-    } rows[] = {
+    const std::tuple<const char *, zqerror, int32_t, const char *> rows[] = {
         {"/page.txt", 0, 200, "a page\n"},
         {"/absolute", 0, 200, "a page\n"},
         {"/full", 0, 200, "a page\n"},
         {"/relative", 0, 200, "a page\n"},
-        {"/loop", ZQ_ERROR_OUT_OF_RANGE, 302, nullptr},
-        {"/none", 0, 404, nullptr},
         {"/204", 0, 204, ""},
         {"/500", 0, 500, "sorry"},
-        {"/closed", ZQ_ERROR_END_OF_FILE, 0, ""},
-        {"/ssi/ssi.html", 0, 200, "[b]\n"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.target);
-        EXPECT_EQ(get(row.target), row.result);
-        EXPECT_EQ(zq_http_get_status_code(http.get()), row.status);
-        if (row.body) {
-            EXPECT_EQ(body(), row.body);
-        }
+        {"/ssi/ssi.html", 0, 200, "[b]"},
+        {"/closed", ZQ_ERROR_END_OF_FILE, 0, ""}};
+    for (const auto &[target, result, status, text] : rows) {
+        EXPECT_EQ(get(target), result) << target;
+        EXPECT_EQ(zq_http_get_status_code(http.get()), status) << target;
+        EXPECT_EQ(body(), text) << target;
     }
-    EXPECT_EQ(zq_http_get_response_header(http.get(), "Content-Length"), nullptr);
-    EXPECT_EQ(body(), run({"curl", "-s", url("/ssi/ssi.html")}).out);
-}
-
-TEST_F(http_interop, requests_arrive_as_they_were_made)
-{
+    EXPECT_EQ(get("/loop"), ZQ_ERROR_OUT_OF_RANGE);
     zq_http_set_method_post(http.get());
     zq_http_lite_set_request_body(http.get(), "12345", 5);
     zq_http_lite_add_header(http.get(), "X-Test: yes");
@@ -152,7 +126,7 @@ TEST_F(http_interop, requests_arrive_as_they_were_made)
     EXPECT_EQ(body(), "POST /echo?a=b%20c 127.0.0.1 yes 5");
 }
 
-TEST_F(http_interop, uploads_and_deletes)
+TEST_F(http_interop, uploads_downloads_and_deletes)
 {
     const std::string content = random_bytes(16 << 20);
     zq_http_set_method_put(http.get());
@@ -161,27 +135,17 @@ TEST_F(http_interop, uploads_and_deletes)
     EXPECT_EQ(zq_http_get_status_code(http.get()), 201);
     EXPECT_TRUE(read_file(scratch->file("www/put/a/b")) == content);
 
+    const std::string file = scratch->file("downloaded");
+    const auto download = [&] {
+        return zq_http_generic_get_url_to_file(url("/put/a/b").c_str(), file.c_str(),
+                                               zq_http_lite_create);
+    };
+    EXPECT_EQ(download(), ZQ_ERROR_NONE);
+    EXPECT_TRUE(read_file(file) == content);
     zq_http_set_method_delete(http.get());
     EXPECT_EQ(get("/put/a/b"), ZQ_ERROR_NONE);
     EXPECT_EQ(zq_http_get_status_code(http.get()), 204);
-    zq_http_set_method_get(http.get());
-    EXPECT_EQ(get("/put/a/b"), ZQ_ERROR_NONE);
-    EXPECT_EQ(zq_http_get_status_code(http.get()), 404);
-}
-
-TEST_F(http_interop, large_bodies)
-{
-    EXPECT_EQ(get("/medium"), ZQ_ERROR_NONE);
-    EXPECT_TRUE(body() == read_file(scratch->file("www/medium")));
-
-    const std::string file = scratch->file("downloaded");
-    EXPECT_EQ(
-        zq_http_generic_get_url_to_file(url("/large").c_str(), file.c_str(), zq_http_lite_create),
-        ZQ_ERROR_NONE);
-    EXPECT_EQ(sha256_of(file), sha256_of(scratch->file("www/large")));
-    EXPECT_EQ(
-        zq_http_generic_get_url_to_file(url("/none").c_str(), file.c_str(), zq_http_lite_create),
-        ZQ_ERROR_GENERIC);
+    EXPECT_EQ(download(), ZQ_ERROR_GENERIC);
 }
 
 // Each read of a body has the whole transfer's time, however long the body takes.
@@ -191,14 +155,8 @@ TEST_F(http_interop, slow_bodies)
     zq_http_set_idle_timeout(http.get(), 0, 500000);
     EXPECT_EQ(get("/slow/slow"), ZQ_ERROR_NONE);
     EXPECT_TRUE(body() == read_file(scratch->file("www/slow")));
-
     zq_http_set_timeout(http.get(), 0, 300000);
-    log.take();
     EXPECT_EQ(get("/slow/slow"), ZQ_ERROR_TIMER_EXPIRED);
-    EXPECT_EQ(log.take(),
-              (std::vector<LogLine>{
-                  {7, "the full transfer timer expired"},
-                  {7, "unable to read more body information, error 62 (timer expired)"}}));
 }
 
 TEST_F(http_interop, proxies)
@@ -209,7 +167,6 @@ TEST_F(http_interop, proxies)
     EXPECT_TRUE(body() == read_file(scratch->file("www/medium")));
     EXPECT_EQ(get("/relative"), ZQ_ERROR_NONE);
     EXPECT_EQ(body(), "a page\n");
-
     // Nobody listens there: the proxy says so in its own words.
     const std::string closed = "http://127.0.0.1:" + std::to_string(free_port()) + "/";
     EXPECT_EQ(zq_http_set_url(http.get(), closed.c_str()), ZQ_ERROR_NONE);
