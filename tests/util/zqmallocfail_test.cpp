@@ -137,7 +137,7 @@ TEST_F(zqmallocfail, databases)
     load(thousand + path.substr(0, path.size() - 1)); // a line feed is not needed at the end
     EXPECT_TRUE(ask(site_one));
     // Loading stops at a line that is too long.
-    for (size_t length : {1, 4094, 4095, 4096, 4097, 9000}) {
+    for (size_t length : {1u, 4094u, 4095u, 4096u, 4097u, 9000u}) {
         const std::string filler = std::string(length - 1, 'x') + "\n";
         for (bool before : {true, false}) {
             load(before ? path + filler : filler + path);

@@ -11,7 +11,7 @@ static constexpr wint_t NO_CHARACTER = 0x7FFFFFFF;
 
 TEST(zqprintf, new_strings)
 {
-    for (size_t length : {0, 1, 100000}) {
+    for (size_t length : {0u, 1u, 100000u}) {
         const std::string expected = std::string(length, 'x') + "|00042|%";
         char *text = nullptr;
         const int result = zq_asprintf(&text, "%s|%05d|%%", std::string(length, 'x').c_str(), 42);
