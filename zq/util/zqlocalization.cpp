@@ -198,17 +198,16 @@ static bool zq_localization_parse_line(po_parser *parser, const char *line)
 {
     static constexpr std::string_view msgid = "msgid ";
     static constexpr std::string_view msgstr = "msgstr ";
-    std::string_view text = line;
 
-    if (text.empty() || text[0] == '#')
+    if (*line == '\0' || *line == '#')
         return true;
-    if (text[0] == '"')
+    if (*line == '"')
         return zq_localization_continue(parser, line);
     if (!zq_localization_complete(parser))
         return false;
-    if (text.starts_with(msgid)) {
+    if (strncmp(line, msgid.data(), msgid.size()) == 0) {
         zq_localization_begin(parser, &parser->msgid, "msgid", line + msgid.size());
-    } else if (!text.starts_with(msgstr)) {
+    } else if (strncmp(line, msgstr.data(), msgstr.size()) != 0) {
         ZQ_LOG(6, "unrecognized line '%s' in %s line %u", line, parser->filename, parser->line);
         parser->error = ZQ_ERROR_SYNTAX;
     } else if (parser->msgid) {
