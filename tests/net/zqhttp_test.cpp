@@ -505,9 +505,9 @@ TEST_F(zqhttp_request, aborts)
         int up = 0;
         int down = 0;
         zq_http_set_progress_callbacks(http, refuse, &up, refuse, &down);
-        EXPECT_EQ(perform({[&](zqhttp *) -> zqerror {
+        EXPECT_EQ(perform({[&, &act = provoke](zqhttp *) -> zqerror {
                       EXPECT_FALSE(zq_http_is_aborted(http));
-                      provoke();
+                      act();
                       EXPECT_EQ(zq_http_is_aborted(http), 1);
                       return ZQ_ERROR_CANCELED;
                   }}),
