@@ -11,6 +11,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/scratch.h"
+#include "tests/support/zqserve.h"
 #include "zq/net/zqhttp_lite.h"
 
 using Http = Owned<zqhttp, zq_http_destroy>;
@@ -167,6 +168,11 @@ TEST_F(http_interop, proxies)
     EXPECT_TRUE(body() == read_file(scratch->file("www/medium")));
     EXPECT_EQ(get("/relative"), ZQ_ERROR_NONE);
     EXPECT_EQ(body(), "a page\n");
+    // The same through the example.
+    const std::string proxy = "127.0.0.1:" + std::to_string(proxy_port);
+    const Outcome example_run = run({example("zqget"), "--proxy", proxy, url("/medium")});
+    EXPECT_EQ(example_run.status, 0) << example_run.err;
+    EXPECT_TRUE(example_run.out == read_file(scratch->file("www/medium")));
     // Nobody listens there: the proxy says so in its own words.
     const std::string closed = "http://127.0.0.1:" + std::to_string(free_port()) + "/";
     EXPECT_EQ(zq_http_set_url(http.get(), closed.c_str()), ZQ_ERROR_NONE);
