@@ -1,10 +1,12 @@
 #include "zq/net/zqicap.h"
 
+#include <functional>
 #include <gtest/gtest.h>
 #include <vector>
 
 #include "tests/support/expect.h"
-#include "tests/support/log_capture.h"
+#include "tests/support/faults.h"
+#include "tests/support/heap.h"
 #include "tests/support/scripted_server.h"
 #include "zq/util/zqsignal.h"
 
@@ -14,10 +16,13 @@ using Lines = std::vector<LogLine>;
 enum Method { NONE, REQMOD, RESPMOD, OPTIONS };
 static const char *const method_names[] = {"", "REQMOD", "RESPMOD", "OPTIONS"};
 
+static const std::string ABSENT = "(none)"; // what a getter has when there is nothing
+
 // HTTP headers of 29, 30 and 50 bytes.
 static const std::string reqhdr = "POST /p HTTP/1.1\r\nHost: h\r\n\r\n";
 static const std::string reshdr = "HTTP/1.1 200 OK\r\nServer: s\r\n\r\n";
 static const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: X, Chunked\r\n\r\n";
+static const std::string no_memory = "12 (not enough memory)";
 static const std::string status_204 = "ICAP/1.0 204 No Content\r\nISTag: \"a\"\r\n\r\n";
 
 // What a client is told to send.
@@ -39,15 +44,20 @@ static size_t next_piece(void *buffer, size_t capacity, void *context)
     return piece.copy(static_cast<char *>(buffer), capacity);
 }
 
-static void prepare(zqicap *icap, Parts &parts)
+static void skip() {}
+
+// False when a part could not be set.
+static bool prepare(zqicap *icap, Parts &parts, const std::function<void()> &step = skip)
 {
     void (*const set_method[])(zqicap *) = {nullptr, zq_icap_set_method_reqmod,
                                             zq_icap_set_method_respmod, zq_icap_set_method_options};
     if (parts.method != NONE)
         set_method[parts.method](icap);
-    auto set = [icap](auto function, const std::string &part) {
-        if (!part.empty())
-            function(icap, part.data(), part.size());
+    bool complete = true;
+    auto set = [&](auto function, const std::string &part) {
+        if (!part.empty() && function(icap, part.data(), part.size()) != ZQ_ERROR_NONE)
+            complete = false;
+        step();
     };
     set(zq_icap_set_request_headers, parts.reqhdr);
     set(zq_icap_set_response_headers, parts.reshdr);
@@ -57,6 +67,27 @@ static void prepare(zqicap *icap, Parts &parts)
         zq_icap_set_request_body_callback(icap, next_piece, &parts.pieces);
     if (parts.allow204)
         zq_icap_set_allow_204(icap);
+    return complete;
+}
+
+static std::string body_of(zqicap *icap)
+{
+    void *data = nullptr;
+    size_t size = 1;
+    if (zq_icap_get_response_body_and_size(icap, &data, &size) != ZQ_ERROR_NONE) {
+        EXPECT_TRUE(data == nullptr && size == 0);
+        return ABSENT;
+    }
+    ZqString owner(static_cast<char *>(data));
+    return std::string(owner.get(), size);
+}
+
+static std::string text_of(zqicap *icap, zqerror (*get)(zqicap *, char **))
+{
+    char *headers = nullptr;
+    get(icap, &headers);
+    ZqString owner(headers);
+    return headers ? std::string(headers) : ABSENT;
 }
 
 // One exchange with a scripted server, kept for inspection.
@@ -84,24 +115,8 @@ struct Exchange {
         lines = log.take();
     }
 
-    std::string body() const
-    {
-        void *data = nullptr;
-        size_t size = 1;
-        if (zq_icap_get_response_body_and_size(icap.get(), &data, &size) != ZQ_ERROR_NONE) {
-            EXPECT_TRUE(data == nullptr && size == 0);
-            return "(none)";
-        }
-        ZqString owner(static_cast<char *>(data));
-        return std::string(static_cast<char *>(data), size);
-    }
-    std::string text(zqerror (*get)(zqicap *, char **)) const
-    {
-        char *headers = nullptr;
-        get(icap.get(), &headers);
-        ZqString owner(headers);
-        return headers ? headers : "(none)";
-    }
+    std::string body() const { return body_of(icap.get()); }
+    std::string text(zqerror (*get)(zqicap *, char **)) const { return text_of(icap.get(), get); }
 };
 
 static std::string reply(const std::string &encapsulated, const std::string &rest = "")
@@ -126,7 +141,7 @@ TEST(zqicap, requests_go_out_byte_for_byte)
                                         " ICAP/1.0\r\nHost: 127.0.0.1\r\n" +
                                         (parts.allow204 ? "Allow: 204\r\n" : "") +
                                         "Encapsulated: " + encapsulated + "\r\n\r\n" + rest);
-        EXPECT_EQ(exchange.body(), "(none)");
+        EXPECT_EQ(exchange.body(), ABSENT);
         EXPECT_EQ(zq_icap_get_status_code(exchange.icap.get()), 204);
     };
     expect(options, "null-body=0", "");
@@ -192,12 +207,12 @@ TEST(zqicap, replies)
     const std::string hello = "5\r\nhello\r\n0\r\n\r\n";
     const std::string x30(30, 'x');
     expect(respmod, reply("res-hdr=0, res-body=3", "abc" + hello), "abc", "hello");
-    expect(respmod, reply("res-hdr=0, null-body=3", "abcdef"), "abc", "(none)");
-    expect(respmod, reply("null-body=0"), "(none)", "(none)");
+    expect(respmod, reply("res-hdr=0, null-body=3", "abcdef"), "abc", ABSENT);
+    expect(respmod, reply("null-body=0"), ABSENT, ABSENT);
     expect(reqmod, reply("res-hdr=0, res-body=2", "ab1E\n" + x30 + "\n\n"), "ab", x30);
-    expect(options, reply("opt-body=0", "1\r\na\r\n0\r\n"), "(none)", "a");
+    expect(options, reply("opt-body=0", "1\r\na\r\n0\r\n"), ABSENT, "a");
     // The zero chunk is kept twice.
-    expect({RESPMOD, "", chunked}, reply("res-body=0", hello), "(none)", hello + "0\r\n\r\n");
+    expect({RESPMOD, "", chunked}, reply("res-body=0", hello), ABSENT, hello + "0\r\n\r\n");
 }
 
 TEST(zqicap, replies_that_break_the_protocol)
@@ -323,7 +338,7 @@ TEST(zqicap, settings_serve_one_exchange_and_raw_headers_accumulate)
     const std::string block = "ISTag: \"a\"\r\n\r\n";
     EXPECT_EQ(exchange.text(zq_icap_get_response_icap_headers), block + block);
     zq_icap_reset(icap);
-    EXPECT_EQ(exchange.text(zq_icap_get_response_icap_headers), "(none)");
+    EXPECT_EQ(exchange.text(zq_icap_get_response_icap_headers), ABSENT);
 }
 
 TEST(zqicap, parts_and_urls_that_cannot_be_used)
@@ -355,4 +370,96 @@ TEST(zqicap, parts_and_urls_that_cannot_be_used)
                   "zq_icap_set_response_headers", "reshdr != NULL");
     EXPECT_MISUSE(zq_icap_http_part_has_chunked_transfer(nullptr, &value), "net/zqicap",
                   "zq_icap_http_part_has_chunked_transfer", "part != NULL");
+}
+
+// ---- lack of memory ----
+
+// The blocks that grow with the reply are reallocated.
+TEST(zqicap, a_reply_may_find_no_room_to_grow)
+{
+    if (!heap_is_watched())
+        return;
+    std::vector<std::string> failures;
+    for (long nth = 1; nth < 20; nth++) {
+        HeapFailure failure(nth, HeapFailure::REALLOCATIONS);
+        Exchange exchange({RESPMOD, "", chunked},
+                          reply("res-hdr=0, res-body=3", "abc2\r\nde\r\n0\r\n\r\n"));
+        EXPECT_EQ(exchange.error, exchange.lines.empty() ? 0u : ZQ_ERROR_NO_MEMORY + 0u);
+        failures.push_back(joined(exchange.lines));
+    }
+    std::erase(failures, ""); // those that libc can do without, and those that were not made
+    std::vector<std::string> expected;
+    for (const char *size : {"37", "39"})
+        expected.push_back(std::string("[7] not enough memory for raw ICAP response headers (") +
+                           size + " bytes)");
+    for (const char *size : {"3", "1", "3", "5", "7", "8", "10", "12", "17"})
+        expected.push_back(
+            std::string("[7] not enough memory for response body (") + size +
+            " bytes); [7] the write callback did not accept the data, error " + no_memory +
+            (expected.size() == 2 ? "; [6] unable to read icap header"
+                                  : "; [6] unable to read encapsulated chunked body"));
+    EXPECT_EQ(failures, expected);
+}
+
+TEST(zqicap, lines_without_memory)
+{
+    if (!faults_injected()) {
+        const std::string none = "[7] not enough memory for ";
+        const std::string callback = "[7] call request body callback; ";
+        const std::string table = "; " + none + "the response header hashtable";
+        const std::string failed = "; [7] connection failed, error " + no_memory;
+        expect_lines_without_memory(
+            "zqicap.lines_without_memory",
+            {none + "the zqicap context", none + "receive buffer (4096 bytes)",
+             none + "zqtimeout context", none + "zqhttpheaders structure" + table,
+             "[7] not enough memory to set icap url to 'icap://h/'",
+             none + "the encapsulated part (30 bytes)", none + "the encapsulated part (4 bytes)",
+             none + "header name", none + "request",
+             none + "zqhandle; [7] unable to create an zqhandle; [7] unable to create zqhandle",
+             "[7] unable to create timeout context" + failed,
+             none + "chunk length; [7] unable to send chunk, error " + no_memory,
+             callback + none + "chunk length; [7] unable to send encapsulated part, error " +
+                 no_memory,
+             callback + "[7] zq_icap_part_is_chunk_encoded() returned error " + no_memory,
+             callback + none + "chunk send buffer",
+             none + "header name; [7] parsing headers failed", none + "the ICAP response headers",
+             none + "the encapsulated response headers", none + "response body (1 bytes)"});
+        return;
+    }
+    zq_signal_ignore_sigpipe();
+    FaultLines lines(7);
+    const struct {
+        Parts parts;
+        std::string sent, kept; // the ends of the request and of what the reply leaves behind
+    } rows[] = {{{RESPMOD, "", reshdr, "", "body"}, "4\r\nbody\r\n0\r\n\r\n", "a"},
+                {{REQMOD, reqhdr, "", "", "", {"a"}}, "1\r\na\r\n0\r\n\r\n", "a"},
+                {{REQMOD, chunked, "", "", "", {"a"}}, chunked + "a", "0\r\n\r\n0\r\n\r\n"}};
+    for (const auto &row : rows) {
+        for (bool failed = true; failed;) {
+            Icap icap(lines.step(zq_icap_create()));
+            if (!icap)
+                continue;
+            lines.step(zq_icap_set_url(icap.get(), "icap://h/"));
+            ScriptedServer server(reply("res-hdr=0, res-body=3", "abc1\r\na\r\n0\r\n\r\n"));
+            const std::string url = "icap://127.0.0.1:" + std::to_string(server.port());
+            while (zq_icap_set_url(icap.get(), url.c_str()) != ZQ_ERROR_NONE) {
+            }
+            lines.step();
+            Parts parts = row.parts;
+            failed = !prepare(icap.get(), parts, [&lines] { lines.step(); });
+            const zqerror result = lines.step(zq_icap_perform(icap.get()));
+            if (failed)
+                continue;
+            failed = result != ZQ_ERROR_NONE;
+            CHECK_PROMISE(failed ? result == ZQ_ERROR_NO_MEMORY || result == ZQ_ERROR_CANNOT_CONNECT
+                                 : server.request().ends_with(row.sent));
+            text_of(icap.get(), zq_icap_get_response_icap_headers);
+            lines.step();
+            text_of(icap.get(), zq_icap_get_response_headers);
+            lines.step();
+            const std::string body = lines.step(body_of(icap.get()));
+            CHECK_PROMISE(failed || body == ABSENT || body.ends_with(row.kept));
+            failed |= body == ABSENT;
+        }
+    }
 }

@@ -61,9 +61,7 @@ FaultLines::FaultLines(int level) : log(level)
 
 void FaultLines::step()
 {
-    std::string joined;
-    for (const LogLine &line : log.take())
-        joined += (joined.empty() ? "[" : "; [") + std::to_string(line.level) + "] " + line.text;
-    if (!joined.empty())
-        printf("\n%s%s\n", MARK, joined.c_str());
+    const std::string lines = joined(log.take());
+    if (!lines.empty())
+        printf("\n%s%s\n", MARK, lines.c_str());
 }

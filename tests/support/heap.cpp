@@ -5,22 +5,23 @@
 #include "tests/support/expect.h"
 #include "tests/support/interpose.h"
 
-static thread_local long allocations;
-static thread_local long failing; // the number of the allocation to fail, 0 for none
+// By the kind of calls.
+static thread_local long asked_for[2];
+static thread_local long failing[2]; // the number of the allocation to fail, 0 for none
 
-HeapFailure::HeapFailure(long nth)
+HeapFailure::HeapFailure(long nth, Calls calls)
 {
-    failing = allocations + nth;
+    failing[calls] = asked_for[calls] + nth;
 }
 
 HeapFailure::~HeapFailure()
 {
-    failing = 0;
+    failing[ALLOCATIONS] = failing[REALLOCATIONS] = 0;
 }
 
 long heap_allocations()
 {
-    return allocations;
+    return asked_for[HeapFailure::ALLOCATIONS];
 }
 
 // ThreadSanitizer cannot stand a call of instrumented code before it has set itself up.
@@ -38,9 +39,9 @@ bool heap_is_watched()
     return !faults_injected();
 }
 
-static bool next_fails()
+static bool next_fails(HeapFailure::Calls calls = HeapFailure::ALLOCATIONS)
 {
-    return ++allocations == failing;
+    return ++asked_for[calls] == failing[calls];
 }
 
 extern "C" void *malloc(size_t size)
@@ -53,6 +54,12 @@ extern "C" void *calloc(size_t count, size_t size)
 {
     static auto *real = next_symbol<void *(size_t, size_t)>("calloc");
     return next_fails() ? nullptr : real(count, size);
+}
+
+extern "C" void *realloc(void *block, size_t size)
+{
+    static auto *real = next_symbol<void *(void *, size_t)>("realloc");
+    return next_fails(HeapFailure::REALLOCATIONS) ? nullptr : real(block, size);
 }
 
 #endif

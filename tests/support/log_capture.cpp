@@ -1,10 +1,20 @@
 #include "tests/support/log_capture.h"
 
+#include <sstream>
+
 #include "zq/util/zqlog.h"
 
 std::ostream &operator<<(std::ostream &out, const LogLine &line)
 {
     return out << "[" << line.level << "] " << line.text;
+}
+
+std::string joined(const std::vector<LogLine> &lines)
+{
+    std::ostringstream out;
+    for (const LogLine &line : lines)
+        out << (out.tellp() > 0 ? "; " : "") << line;
+    return out.str();
 }
 
 LogCapture::LogCapture(int level)

@@ -12,6 +12,8 @@ struct LogLine {
     bool operator==(const LogLine &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const LogLine &line);
+// "[LEVEL] text; [LEVEL] text"
+std::string joined(const std::vector<LogLine> &lines);
 
 // Catches the lines of the default log, as severe as `level` or more, for its lifetime, and keeps
 // standard error quiet.

@@ -7,6 +7,7 @@
 
 #include "zq/internal/zqassert.h"
 #include "zq/internal/zqbodystore.h"
+#include "zq/internal/zqheaderlookup.h"
 #include "zq/internal/zqlogline.h"
 #include "zq/internal/zqowned.h"
 #include "zq/io/zqfile.h"
@@ -593,7 +594,7 @@ static zqerror zq_http_follow_redirect(zqhttp *zqhttp)
     zqerror result = zq_http_pause(zqhttp);
     if (result != ZQ_ERROR_NONE)
         return result;
-    const char *location = zq_http_get_response_header(zqhttp, "location");
+    const char *location = httpheaders_lookup(zqhttp->responseheaders, "location");
     if (!location) {
         ZQ_LOG(7, "Redirect without Location header");
         return ZQ_ERROR_PROTOCOL;

@@ -2,6 +2,7 @@
 
 #include "zq/adt/zqstringhash.h"
 #include "zq/internal/zqassert.h"
+#include "zq/internal/zqheaderlookup.h"
 #include "zq/internal/zqlogline.h"
 #include "zq/internal/zqowned.h"
 #include "zq/util/zqstring.h"
@@ -89,6 +90,11 @@ zqerror zq_httpheaders_add(zqhttpheaders *zqhttpheaders, const char *name, const
     return zq_httpheaders_store(zqhttpheaders, key.get(), std::move(copy));
 }
 
+const char *httpheaders_lookup(zqhttpheaders *headers, const char *lowercase_name)
+{
+    return static_cast<const char *>(zq_stringhash_lookup(headers->hash, lowercase_name));
+}
+
 const char *zq_httpheaders_get(zqhttpheaders *zqhttpheaders, const char *name)
 {
     ZQ_ASSERT(zqhttpheaders != NULL);
@@ -99,7 +105,7 @@ const char *zq_httpheaders_get(zqhttpheaders *zqhttpheaders, const char *name)
         ZQ_LOG(7, "unable to convert the header name to lowercase");
         return nullptr;
     }
-    return static_cast<const char *>(zq_stringhash_lookup(zqhttpheaders->hash, key.get()));
+    return httpheaders_lookup(zqhttpheaders, key.get());
 }
 
 // A zero byte ends a line too, which makes a stray one look like the empty line after the fields.

@@ -9,6 +9,7 @@
 #include "zq/internal/zqassert.h"
 #include "zq/internal/zqbodystore.h"
 #include "zq/internal/zqearlyreply.h"
+#include "zq/internal/zqheaderlookup.h"
 #include "zq/internal/zqlogline.h"
 #include "zq/internal/zqowned.h"
 #include "zq/internal/zqprotocolline.h"
@@ -341,7 +342,7 @@ zqerror zq_icap_http_part_has_chunked_transfer(const zqicappart *part, int *valu
 
     *value_out = 0;
     const char *value =
-        part->headers ? zq_httpheaders_get(part->headers, "transfer-encoding") : nullptr;
+        part->headers ? httpheaders_lookup(part->headers, "transfer-encoding") : nullptr;
     if (!value)
         return ZQ_ERROR_NONE;
     owned_block<> lowered(zq_strdup_lowercase(value));
@@ -1014,7 +1015,7 @@ static zqerror zq_icap_read_body_chunked(zqicap *zqicap)
 
 static zqerror zq_icap_read_encapsulated(zqicap *zqicap)
 {
-    const char *encapsulated = zq_httpheaders_get(zqicap->icap_header_table, "Encapsulated");
+    const char *encapsulated = httpheaders_lookup(zqicap->icap_header_table, "encapsulated");
     if (!encapsulated) {
         ZQ_LOG(6, "no Encapsulated header in the ICAP response");
         return ZQ_ERROR_PROTOCOL;
