@@ -127,6 +127,8 @@ static Outcome perform(const Settings &settings, Peer &peer)
         outcome.headers = read_headers(http.get(), settings.replies[peer.requests.size() - 1]);
     if (outcome.result == ZQ_ERROR_NONE && settings.progress && settings.body == STREAM)
         FUZZ_CHECK(received.progress == static_cast<int64_t>(received.body.size()));
+    FUZZ_CHECK(zq_http_reset(http.get()) == ZQ_ERROR_NONE);
+    FUZZ_CHECK(zq_http_perform(http.get()) == ZQ_ERROR_INVALID_ARGUMENT);
     return outcome;
 }
 
