@@ -21,7 +21,7 @@ ZQ_API char *zq_wchar_to_utf8(const wchar_t *wstring);
 /* zq_wchar_to_utf8_buffer encodes into the *utf8lenptr bytes at `utf8`, as many whole characters as
  * fit, and stores in *utf8lenptr the bytes that the whole string needs without its terminator.
  * `utf8` may be null when *utf8lenptr is 0, to measure. A negative character is written as its low
- * 7 bits. Returns
+ * 7 bits, a zero byte when these are 0. Returns
  *    0  the string and its terminator are in the buffer
  *    1  the buffer is too small
  *   -1  a character above 0x10FFFF, which is logged; *utf8lenptr is 0 */
