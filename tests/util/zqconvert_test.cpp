@@ -59,8 +59,15 @@ TEST(zqconvert, sizes)
 
 TEST(zqconvert, halves_go_away_from_zero)
 {
-    const std::pair<double, int64_t> rows[] = {
-        {0, 0}, {0.49, 0}, {0.5, 1}, {2.5, 3}, {2.6, 3}, {4503599627370495.5, 4503599627370496}};
+    const std::pair<double, int64_t> rows[] = {{0, 0},
+                                               {0.49, 0},
+                                               {0.5, 1},
+                                               {2.5, 3},
+                                               {2.6, 3},
+                                               {4503599627370495.5, 4503599627370496},
+                                               // Where adding the half rounds.
+                                               {0.49999999999999994, 1},
+                                               {4503599627370497, 4503599627370498}};
     for (const auto &[value, rounded] : rows) {
         EXPECT_EQ(zq_convert_i64_from_double_round(value), rounded) << value;
         EXPECT_EQ(zq_convert_i64_from_double_round(-value), -rounded) << value;

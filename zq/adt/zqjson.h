@@ -68,12 +68,14 @@ ZQ_API int zq_json_fetch_node(zqjson *zqjson, zqjsonnode **zqjsonnodeptr, ...) Z
 /* zq_json_fetch_string finds a string. On failure *stringptr is null. */
 ZQ_API int zq_json_fetch_string(zqjson *zqjson, const char **stringptr, ...) ZQ_SENTINEL;
 
-/* zq_json_fetch_int finds a number, rounded to the nearest integer, halves away from zero. True is
- * 1, false is 0, and a string is what strtod() reads at its start in the C locale. Fails when the
- * value does not fit an int, too. On failure *valueptr is 0. */
+/* zq_json_fetch_int finds a number, one with a fraction rounded as by
+ * zq_convert_i64_from_double_round(). True is 1, false is 0, and a string is what strtod() reads at
+ * its start in the C locale. Fails when the value does not fit an int, too. On failure *valueptr is
+ * 0. */
 ZQ_API int zq_json_fetch_int(zqjson *zqjson, int *valueptr, ...) ZQ_SENTINEL;
 
-/* zq_json_fetch_int64 is zq_json_fetch_int() for 64 bits. */
+/* zq_json_fetch_int64 is zq_json_fetch_int() for 64 bits, except that a value beyond them is the
+ * nearest that there is. The string "nan" is 0. */
 ZQ_API int zq_json_fetch_int64(zqjson *zqjson, int64_t *valueptr, ...) ZQ_SENTINEL;
 
 /* zq_json_fetch_double finds a number. True is 1, false is 0, and a string is what strtod() reads

@@ -30,12 +30,13 @@ ZQ_API int zq_convert_int_from_size_t_and_limit(int *out, size_t value);
  * when it was limited, else 0. */
 ZQ_API int zq_convert_uint_from_size_t_and_limit(unsigned int *out, size_t value);
 
-/* zq_convert_long_from_double_round rounds to the nearest integer, halves away from zero. The
- * result must fit a long. */
+/* zq_convert_long_from_double_round rounds to the nearest integer, halves away from zero, by adding
+ * 0.5 in the sign of the value and cutting the fraction off. The sum is a double too, so that odd
+ * integers between 2^52 and 2^53 give their even neighbour away from zero, and the largest value
+ * below 0.5 gives 1. The result must fit a long. */
 ZQ_API long zq_convert_long_from_double_round(double value);
 
-/* zq_convert_i64_from_double_round rounds to the nearest integer, halves away from zero. The result
- * must fit 64 bits. */
+/* zq_convert_i64_from_double_round is the same for a result that must fit 64 bits. */
 ZQ_API int64_t zq_convert_i64_from_double_round(double value);
 
 /* zq_convert_custr_from_cstr stores `src` in *destptr as a string of unsigned characters; nothing
