@@ -60,7 +60,7 @@ unsigned long Model::calc(const void *item, void *context)
     case 1:
         return ~key; // the largest numbers
     case 2:
-        return key * 0x9E3779B97F4A7C15u; // any number
+        return static_cast<unsigned long>(key * 0x9E3779B97F4A7C15u); // any number
     case 3:
         return key % 7; // many collisions
     default:
