@@ -19,8 +19,8 @@ FILE *whole_file_open(const char *filename)
 // The content from the start to the end of `file`, or null.
 static char *whole_file_read(FILE *file, size_t *lenptr)
 {
-    fseek(file, 0, SEEK_END);
-    long end = ftell(file);
+    // A file whose end cannot be found would pass for an empty one.
+    long end = fseek(file, 0, SEEK_END) == 0 ? ftell(file) : -1;
     if (end < 0)
         return nullptr;
     if (static_cast<uint64_t>(end) >= PTRDIFF_MAX) {
@@ -28,7 +28,8 @@ static char *whole_file_read(FILE *file, size_t *lenptr)
         errno = EFBIG;
         return nullptr;
     }
-    fseek(file, 0, SEEK_SET);
+    if (fseek(file, 0, SEEK_SET) != 0)
+        return nullptr;
 
     size_t len = static_cast<size_t>(end);
     owned_block<> data(static_cast<char *>(zq_malloc(len + 1)));

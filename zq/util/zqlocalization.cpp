@@ -1,5 +1,6 @@
 #include "zq/util/zqlocalization.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -240,6 +241,11 @@ static zqerror zq_localization_load_po(zqlanguage *language, const char *filenam
         zq_localization_trim_newline(buffer);
         if (!zq_localization_parse_line(&parser, buffer))
             return parser.error;
+    }
+    int number = errno;
+    if (ferror(file)) {
+        ZQ_LOG(7, "fgets() returned error %d", number);
+        return ZQ_ERROR_GENERIC;
     }
     // A file with errors loses its last pair, which is meant: it may be cut short.
     if (parser.error == ZQ_ERROR_NONE)

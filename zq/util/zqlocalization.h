@@ -31,7 +31,7 @@ ZQ_API void zq_localization_destroy(zqlocalization *zqlocalization);
  * UTF-8. Languages and entries are added to those already there, later entries replacing earlier
  * ones of the same msgid. Directories and files not named "NAME.po" are passed over. Returns 0, or
  *   ZQ_ERROR_NO_MEMORY  out of memory
- *   ZQ_ERROR_GENERIC    reading the directory failed
+ *   ZQ_ERROR_GENERIC    reading the directory or a file failed
  *   ZQ_ERROR_NOT_FOUND  the directory or a file cannot be opened
  *   ZQ_ERROR_SYNTAX     a file has lines that are not understood; its other entries are loaded all
  *                       the same, except the last one of that file
