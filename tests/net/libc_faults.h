@@ -36,8 +36,7 @@ extern "C" int poll(pollfd *fds, nfds_t count, int timeout)
 {
     static auto *const next = next_symbol<decltype(poll)>("poll");
     last_poll_timeout = timeout;
-    return SystemCalls::make({"poll", "", 0, 0, 0},
-                             [&](size_t) { return next(fds, count, timeout); });
+    return SystemCalls::make({"poll"}, [&](size_t) { return next(fds, count, timeout); });
 }
 
 // While not empty, what every host name resolves to: addresses in this order, "unix" standing for
@@ -51,7 +50,7 @@ extern "C" int getaddrinfo(const char *name, const char *service, const addrinfo
     static auto *const next = next_symbol<decltype(getaddrinfo)>("getaddrinfo");
     last_hints = *hints;
     if (fake_host.empty())
-        return SystemCalls::make({"getaddrinfo", "", 0, 0, 0},
+        return SystemCalls::make({"getaddrinfo"},
                                  [&](size_t) { return next(name, service, hints, list); });
     // The entries of a list are freed one by one, so lists can be joined.
     addrinfo numeric = {};

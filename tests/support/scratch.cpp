@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 #include <stdlib.h>
+#include <unistd.h>
 
 Scratch::Scratch()
 {
@@ -30,4 +31,20 @@ std::string read_file(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), {}};
+}
+
+ScratchPlace::ScratchPlace(const std::string &directory)
+    : before(std::filesystem::temp_directory_path())
+{
+    setenv("TMPDIR", directory.c_str(), 1);
+}
+
+ScratchPlace::~ScratchPlace()
+{
+    setenv("TMPDIR", before.c_str(), 1);
+}
+
+std::string ScratchPlace::memory()
+{
+    return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : std::filesystem::temp_directory_path();
 }

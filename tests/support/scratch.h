@@ -20,6 +20,21 @@ class Scratch {
     std::string directory;
 };
 
+// While it lives, fresh Scratch directories are made in another directory.
+class ScratchPlace {
+  public:
+    explicit ScratchPlace(const std::string &directory);
+    ~ScratchPlace();
+    ScratchPlace(const ScratchPlace &) = delete;
+    ScratchPlace &operator=(const ScratchPlace &) = delete;
+
+    // Memory, where the system has a file system for that.
+    static std::string memory();
+
+  private:
+    std::string before;
+};
+
 std::string read_file(const std::string &path);
 
 #endif

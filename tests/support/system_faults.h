@@ -115,10 +115,11 @@ inline const std::map<std::string, std::vector<int>> manual_errors = {
 
 struct SystemCall {
     std::string name;
-    std::string path;  // of the file that it names, if any
-    size_t size = 0;   // the bytes to read or write
-    size_t nth = 0;    // among the calls of this name, from 1
-    size_t number = 0; // among all calls, from 1
+    std::string path = ""; // of the file that it names, if any
+    size_t size = 0;       // the bytes to read or write
+    int flags = 0;         // of opening
+    size_t nth = 0;        // among the calls of this name, from 1
+    size_t number = 0;     // among all calls, from 1
 };
 
 // While it lives, notes the calls of its thread, or of the whole process, and asks what they come
@@ -221,7 +222,7 @@ inline int SystemCalls::decided(SystemCall call)
     extern "C" type name parameters __VA_ARGS__                                                    \
     {                                                                                              \
         static auto *const next = next_symbol<type parameters>(#name);                             \
-        return SystemCalls::make({#name, path, size, 0, 0},                                        \
+        return SystemCalls::make({#name, path, size},                                              \
                                  [&]([[maybe_unused]] size_t length) { return next arguments; });  \
     }
 
@@ -264,15 +265,14 @@ extern "C" int fcntl(int fd, int command, ...)
 {
     static auto *const next = next_symbol<decltype(fcntl)>("fcntl");
     READ_OPTIONAL(void *, argument, command);
-    return SystemCalls::make({"fcntl", "", 0, 0, 0},
-                             [&](size_t) { return next(fd, command, argument); });
+    return SystemCalls::make({"fcntl"}, [&](size_t) { return next(fd, command, argument); });
 }
 
 extern "C" int open(const char *path, int flags, ...)
 {
     static auto *const next = next_symbol<decltype(open)>("open");
     READ_OPTIONAL(unsigned int, mode, flags);
-    return SystemCalls::make({"open", path, 0, 0, 0},
+    return SystemCalls::make({"open", path, 0, flags},
                              [&](size_t) { return next(path, flags, mode); });
 }
 
@@ -280,7 +280,7 @@ extern "C" int openat(int directory, const char *path, int flags, ...)
 {
     static auto *const next = next_symbol<decltype(openat)>("openat");
     READ_OPTIONAL(unsigned int, mode, flags);
-    return SystemCalls::make({"openat", path, 0, 0, 0},
+    return SystemCalls::make({"openat", path, 0, flags},
                              [&](size_t) { return next(directory, path, flags, mode); });
 }
 
@@ -332,12 +332,14 @@ extern "C" FILE *fopen(const char *__restrict path, const char *__restrict mode)
 struct SystemFault {
     SystemCall call;
     int outcome = PASS;
+    bool lasting = false; // all calls behind it come to the same
 };
 
 inline std::ostream &operator<<(std::ostream &out, const SystemFault &fault)
 {
     const char *error = strerrorname_np(fault.outcome);
-    out << fault.call.name << " " << fault.call.path << " number " << fault.call.nth << ": ";
+    out << fault.call.name << " " << fault.call.path << " number " << fault.call.nth
+        << (fault.lasting ? " and all behind it: " : ": ");
     return error ? out << error : out << fault.outcome;
 }
 
@@ -351,9 +353,52 @@ inline std::vector<int> outcomes_of(const SystemCall &call)
     return outcomes;
 }
 
-// Runs `scenario(world)` in a World of its own as ever and then with each of the calls that it made
-// coming to each of its outcomes, once. `check(world, fault, result, lines)` judges each run; that
-// the call was reached and no descriptor is left behind is seen to here.
+// What the call comes to under the fault, whose call is known by name and turn: others may come and
+// go between.
+inline int outcome_under(const SystemFault &fault, const SystemCall &call)
+{
+    const bool meant = fault.lasting ? call.number >= fault.call.number
+                                     : call.name == fault.call.name && call.nth == fault.call.nth;
+    return meant ? fault.outcome : PASS;
+}
+
+// Runs `scenario(world)` in a World of its own under the fault. `check(world, fault, result,
+// lines)` judges it; that the fault strikes and no descriptor is left behind is seen to here. The
+// calls made.
+template <class World, class Scenario, class Check>
+std::vector<SystemCall> run_system_fault(SystemFault fault, Scenario scenario, Check check,
+                                         SystemCalls::Scope scope = SystemCalls::THREAD)
+{
+    testing::ScopedTrace trace(__FILE__, __LINE__, testing::Message() << fault);
+    const size_t open = open_descriptors();
+    std::vector<SystemCall> seen;
+    bool struck = fault.outcome == PASS;
+    auto decide = [&](const SystemCall &call) {
+        const int outcome = outcome_under(fault, call);
+        if (!struck && outcome != PASS)
+            fault.call = call;
+        struck = struck || outcome != PASS;
+        return outcome;
+    };
+    {
+        World world;
+        LogCapture log(13);
+        auto watched = [&] {
+            SystemCalls calls(decide, scope);
+            auto result = scenario(world);
+            seen = std::move(calls.seen);
+            return result;
+        };
+        const auto result = watched();
+        check(world, fault, result, log.take());
+    }
+    EXPECT_TRUE(struck);
+    EXPECT_EQ(open_descriptors(), open);
+    return seen;
+}
+
+// Runs a scenario as ever, then with each of the calls that it made coming to each of its outcomes,
+// once, and then with each of them and all behind it failing.
 template <class World, class Scenario, class Check>
 void walk_system_faults(Scenario scenario, Check check,
                         SystemCalls::Scope scope = SystemCalls::THREAD)
@@ -361,36 +406,12 @@ void walk_system_faults(Scenario scenario, Check check,
     if (faults_injected()) // which makes calls of its own
         return;
     auto run = [&](const SystemFault &fault) {
-        testing::ScopedTrace trace(__FILE__, __LINE__, testing::Message() << fault);
-        const size_t open = open_descriptors();
-        std::vector<SystemCall> seen;
-        bool reached = fault.outcome == PASS;
-        {
-            World world;
-            LogCapture log(13);
-            auto watched = [&] {
-                SystemCalls calls(
-                    [&](const SystemCall &call) {
-                        const bool meant =
-                            call.name == fault.call.name && call.nth == fault.call.nth;
-                        reached = reached || meant;
-                        return meant ? fault.outcome : PASS;
-                    },
-                    scope);
-                auto result = scenario(world);
-                seen = std::move(calls.seen);
-                return result;
-            };
-            const auto result = watched();
-            check(world, fault, result, log.take());
-        }
-        EXPECT_TRUE(reached);
-        EXPECT_EQ(open_descriptors(), open);
-        return seen;
+        return run_system_fault<World>(fault, scenario, check, scope);
     };
     for (const SystemCall &call : run({})) {
         for (const int outcome : outcomes_of(call))
             run({call, outcome});
+        run({call, EIO, true});
     }
 }
 
