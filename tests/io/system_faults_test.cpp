@@ -72,8 +72,8 @@ struct Effect {
     std::string call; // "name", "name file", "name nth", or "" for any
     int error;        // or 0 for any
     int result;       // or ITS_ERRNO
-    // Each "LEVEL text", with "@" for the scratch directory, "#" for the errno, "$" for the path
-    // of the call and "%" for its last part.
+    // As joined() gives them, with "@" for the scratch directory, "#" for the errno, "$" for the
+    // path of the call and "%" for its last part.
     std::string lines = "";
 };
 
@@ -105,15 +105,13 @@ static const Effect &effect_of(const Operation &operation, const SystemFault &fa
 }
 
 // All lines but the traces of what goes well.
-static std::string joined(const std::vector<LogLine> &lines)
+static std::string failures(std::vector<LogLine> lines)
 {
-    std::string all;
-    for (const LogLine &line : lines) {
-        const bool failure = line.text.starts_with("unable") || line.text.starts_with("failed");
-        if (line.level < 13 || failure)
-            all += (all.empty() ? "" : "\n") + std::to_string(line.level) + " " + line.text;
-    }
-    return all;
+    std::erase_if(lines, [](const LogLine &line) {
+        return line.level == 13 && !line.text.starts_with("unable") &&
+               !line.text.starts_with("failed");
+    });
+    return joined(lines);
 }
 
 static std::string filled_in(std::string text, const World &world, const SystemFault &fault)
@@ -135,7 +133,7 @@ static void expect_effect(const World &world, const Operation &operation, const 
     if (!fault.lasting) {
         const Effect &effect = effect_of(operation, fault);
         EXPECT_EQ(result.code, effect.result == ITS_ERRNO ? fault.outcome : effect.result);
-        EXPECT_EQ(joined(lines), filled_in(effect.lines, world, fault));
+        EXPECT_EQ(failures(lines), filled_in(effect.lines, world, fault));
         if (operation.tells_errno && result.code == -1) {
             EXPECT_EQ(result.error, fault.outcome);
         }
@@ -286,14 +284,14 @@ static int log_lines(const World &world)
 
 static std::vector<Effect> effects_of_removal()
 {
-    const std::string not_told = "\n6 calling stat() has failed";
+    const std::string not_told = "; [6] calling stat() has failed";
     std::vector<Effect> effects = {
-        {"openat ..", 0, -1, "7 unable to return from directory '@/top/a', error #"},
-        {"fstat 4", 0, -1, "7 unable to return from directory '@/top/a', error #"},
-        {"readdir", 0, -1, "7 an error occurred reading the directory"},
+        {"openat ..", 0, -1, "[7] unable to return from directory '@/top/a', error #"},
+        {"fstat 4", 0, -1, "[7] unable to return from directory '@/top/a', error #"},
+        {"readdir", 0, -1, "[7] an error occurred reading the directory"},
         // Taken for a file.
-        {"fstatat file", 0, 0, "7 unable to stat '@/top/a/b/file'" + not_told},
-        {"unlinkat file", 0, -1, "7 unable to delete file '@/top/a/b/file'"},
+        {"fstatat file", 0, 0, "[7] unable to stat '@/top/a/b/file'" + not_told},
+        {"unlinkat file", 0, -1, "[7] unable to delete file '@/top/a/b/file'"},
     };
     int nth = 0;
     for (const std::string path : {"@/top", "@/top/a", "@/top/a/b"}) {
@@ -301,13 +299,13 @@ static std::vector<Effect> effects_of_removal()
         for (const std::string &call :
              {"openat " + base_name(path), "fstat" + turn, "fcntl" + turn, "fdopendir" + turn})
             effects.push_back({call, 0, -1,
-                               "13 unable to open directory '" + path +
-                                   "', error #\n13 unable to open directory " + path});
+                               "[13] unable to open directory '" + path +
+                                   "', error #; [13] unable to open directory " + path});
         effects.push_back({"fstatat " + base_name(path), 0, -1,
-                           "7 unable to stat '" + path + "'" + not_told +
-                               "\n7 unable to delete file '" + path + "'"});
+                           "[7] unable to stat '" + path + "'" + not_told +
+                               "; [7] unable to delete file '" + path + "'"});
         effects.push_back({"unlinkat " + base_name(path), 0, -1,
-                           "7 unable to remove directory '" + path + "', error #"});
+                           "[7] unable to remove directory '" + path + "', error #"});
     }
     return effects;
 }
@@ -318,8 +316,8 @@ static std::vector<Effect> effects_of_mkdir(bool for_file)
     std::vector<Effect> effects;
     auto add = [&](const char *call, int error, zqerror code, std::string lines = "") {
         if (for_file && code != 0)
-            lines += (lines.empty() ? "" : "\n") +
-                     std::string("7 creating path '@/new/x/y' failed, error ") +
+            lines += (lines.empty() ? "" : "; ") +
+                     std::string("[7] creating path '@/new/x/y' failed, error ") +
                      std::to_string(code) + " (" + zq_error_string(code) + ")";
         effects.push_back(
             {call, error, for_file && code != 0 ? -1 : static_cast<int>(code), lines});
@@ -331,13 +329,13 @@ static std::vector<Effect> effects_of_mkdir(bool for_file)
     };
     for (const auto &[error, code] : codes)
         add("mkdir", error, code);
-    add("mkdir", 0, 202, "7 an unhandled error # occurred");
+    add("mkdir", 0, 202, "[7] an unhandled error # occurred");
     return effects;
 }
 
-static const std::string not_deleted = "7 unable to delete the temporary file";
-static const std::string not_placed = "7 unable to rename '@/f.tmp' as '@/f'";
-static const std::string not_backup = "7 unable to rename the previous file as the backup file";
+static const std::string not_deleted = "[7] unable to delete the temporary file";
+static const std::string not_placed = "[7] unable to rename '@/f.tmp' as '@/f'";
+static const std::string not_backup = "[7] unable to rename the previous file as the backup file";
 
 static std::vector<Effect> effects_of_saving(int failed_backup)
 {
@@ -353,21 +351,24 @@ static const std::vector<Effect> of_loading = {{"open", 0, -1}, {"read", 0, -1},
 static const std::vector<Effect> of_reading = {{"read", 0, -1}, {"lseek", 0, -1}};
 static const std::vector<Effect> of_saving = {{"open", 0, -1}, {"write", 0, -1}};
 static const std::vector<Effect> of_ini = {{"open", 0, 207},
-                                           {"read", 0, 202, "7 fgets() returned error #"}};
+                                           {"read", 0, 202, "[7] fgets() returned error #"}};
 static const std::vector<Effect> of_listing = {
-    {"opendir", 0, -1, "13 unable to open directory '@/top/a/b', error #"},
+    {"opendir", 0, -1, "[13] unable to open directory '@/top/a/b', error #"},
     {"readdir", 0, ITS_ERRNO},
-    {"lstat", 0, -2, "7 unable to stat '$'\n6 calling stat() has failed"}};
+    {"lstat", 0, -2, "[7] unable to stat '$'; [6] calling stat() has failed"}};
 static const std::vector<Effect> of_po = {
     {"opendir", 0, 207,
-     "13 unable to open directory '@/po', error #\n7 unable to open directory '@/po'"},
-    {"readdir", 0, 202, "7 unable to read directory '@/po', error #"},
+     "[13] unable to open directory '@/po', error #; [7] unable to open directory '@/po'"},
+    {"readdir", 0, 202, "[7] unable to read directory '@/po', error #"},
     {"lstat", 0, 202,
-     "7 unable to stat '$'\n6 calling stat() has failed\n7 error checking if '%' is a directory"},
-    {"open", 0, 207, "13 failed to load localization file @/po/de.po, error 207 (item not found)"},
+     "[7] unable to stat '$'; [6] calling stat() has failed; [7] error checking if '%' is a "
+     "directory"},
+    {"open", 0, 207,
+     "[13] failed to load localization file @/po/de.po, error 207 (item not found)"},
     {"read", 0, 202,
-     "7 fgets() returned error #\n7 unable to load po file @/po/de.po, error 202 (generic error)\n"
-     "13 failed to load localization file @/po/de.po, error 202 (generic error)"}};
+     "[7] fgets() returned error #; [7] unable to load po file @/po/de.po, error 202 (generic "
+     "error); "
+     "[13] failed to load localization file @/po/de.po, error 202 (generic error)"}};
 
 // The operation of a function that takes a name alone.
 #define ON(name, function, ...)                                                                      \
@@ -498,15 +499,15 @@ TEST(system_faults, leave_the_new_or_the_previous_content)
         {"write ", false, -1, "previous, older, (none)", ""},
         {"write ", true, -1, "previous, older, ", not_deleted},
         {"close ", false, 0, "new, previous, (none)", ""}, // not looked at
-        {"close ", true, -1, "previous, older, new", not_placed + "\n" + not_deleted},
+        {"close ", true, -1, "previous, older, new", not_placed + "; " + not_deleted},
         {"stat f", false, 0, "new, older, (none)", ""}, // cannot tell: no backup is made
-        {"stat f", true, -1, "previous, older, new", not_placed + "\n" + not_deleted},
+        {"stat f", true, -1, "previous, older, new", not_placed + "; " + not_deleted},
         {"unlink f.bak", false, 0, "new, previous, (none)", ""}, // there may be none
-        {"unlink f.bak", true, BACKUP, "previous, older, new", not_backup + "\n" + not_deleted},
+        {"unlink f.bak", true, BACKUP, "previous, older, new", not_backup + "; " + not_deleted},
         {"rename f", false, BACKUP, "previous, (none), (none)", not_backup},
-        {"rename f", true, BACKUP, "previous, (none), new", not_backup + "\n" + not_deleted},
+        {"rename f", true, BACKUP, "previous, (none), new", not_backup + "; " + not_deleted},
         {"rename f.tmp", false, -1, "(none), previous, (none)", not_placed},
-        {"rename f.tmp", true, -1, "(none), previous, new", not_placed + "\n" + not_deleted},
+        {"rename f.tmp", true, -1, "(none), previous, new", not_placed + "; " + not_deleted},
     };
     const Row unnoticed = {"", false, 0, "new, previous, (none)", ""};
     const ScratchPlace place(ScratchPlace::memory());
@@ -523,7 +524,7 @@ TEST(system_faults, leave_the_new_or_the_previous_content)
             row = row == std::end(rows) ? &unnoticed : row;
             EXPECT_EQ(result, row->result == BACKUP ? saving.failed_backup : row->result);
             EXPECT_EQ(world.saved(), row->saved);
-            EXPECT_EQ(joined(lines), filled_in(row->lines, world, fault));
+            EXPECT_EQ(failures(lines), filled_in(row->lines, world, fault));
             const bool is_new = row->saved.starts_with("new");
             EXPECT_EQ(saving.loaded(world), is_new ? new_content : "previous");
         });
@@ -613,7 +614,7 @@ static std::string outcome_with(const Operation &operation, const World &world,
     const Result result = limited();
     const std::string error =
         operation.tells_errno && result.code != 0 ? std::to_string(result.error) : "";
-    std::string lines = joined(log.take());
+    std::string lines = failures(log.take());
     for (size_t at = 0; (at = lines.find(world.scratch.path())) != std::string::npos;)
         lines.replace(at, world.scratch.path().size(), "@");
     return std::to_string(result.code) + " " + error + "\n" + lines;

@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
-#include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <sys/resource.h>
@@ -19,52 +17,11 @@
 #include "tests/support/process.h"
 #include "tests/support/scratch.h"
 #include "tests/support/small_stack.h"
+#include "tests/support/system_faults.h"
 #include "zq/io/zqutf8dir.h"
 
 namespace fs = std::filesystem;
 using Lines = std::vector<LogLine>;
-
-// ---- the system calls of the library, in between ----
-
-namespace {
-// What a test does in place of or before a call; a result other than 0 is the error to fail with.
-struct Interposed {
-    Interposed() { current = this; }
-    ~Interposed() { current = nullptr; }
-    std::function<int(const std::string &name)> open, remove;
-    std::function<int()> read;
-    int lstats = 0;
-    static inline Interposed *current;
-};
-} // namespace
-
-#define REAL(name) reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name))
-#define FAILS(what, ...)                                                                           \
-    (Interposed::current && Interposed::current->what &&                                           \
-     (errno = Interposed::current->what(__VA_ARGS__)) != 0)
-
-extern "C" int openat(int directory, const char *name, int flags, ...)
-{
-    // The library opens directories only; tests that create files use other calls.
-    return FAILS(open, name) ? -1 : REAL(openat)(directory, name, flags, 0600);
-}
-
-extern "C" int unlinkat(int directory, const char *name, int flags) noexcept
-{
-    return FAILS(remove, name) ? -1 : REAL(unlinkat)(directory, name, flags);
-}
-
-extern "C" struct dirent *readdir(DIR *stream)
-{
-    return FAILS(read) ? nullptr : REAL(readdir)(stream);
-}
-
-extern "C" int lstat(const char *__restrict name, struct stat *__restrict status) noexcept
-{
-    if (Interposed::current)
-        Interposed::current->lstats++;
-    return REAL(lstat)(name, status);
-}
 
 // ---- both sets, which the tests are instantiated over ----
 
@@ -121,7 +78,7 @@ TYPED_TEST(zqdir_test, lists_entries_with_their_status)
                                                     {"directory", {1, 0, 0}},
                                                     {"link", {0, 1, 9}}};
 
-    Interposed calls;
+    SystemCalls calls;
     typename Set::Dir dir(Set::open(scratch.path().c_str()));
     ASSERT_NE(dir, nullptr);
     std::map<std::string, Status> found;
@@ -138,7 +95,9 @@ TYPED_TEST(zqdir_test, lists_entries_with_their_status)
         found[name.get()] = {directory, symlink, directory == 1 ? 0 : Set::get_size(dir.get())};
     }
     EXPECT_EQ(found, expected);
-    EXPECT_EQ(calls.lstats, 5); // one an entry
+    EXPECT_EQ(std::count_if(calls.seen.begin(), calls.seen.end(),
+                            [](const SystemCall &call) { return call.name == "lstat"; }),
+              5); // one an entry
     EXPECT_EQ(Set::next(dir.get()), -1);
     EXPECT_EQ(Set::separator(), '/');
 }
@@ -209,12 +168,10 @@ TYPED_TEST(zqdir_test, passes_reading_errors_on)
     typename Set::Dir dir(Set::open(scratch.path().c_str()));
     ASSERT_NE(dir, nullptr);
     EXPECT_EQ(Set::next(dir.get()), 0);
-    Interposed calls;
-    calls.read = [] { return EIO; };
+    SystemCalls calls([](const SystemCall &call) { return call.nth == 1 ? EIO : PASS; });
     EXPECT_EQ(Set::next(dir.get()), EIO);
     LogCapture log;
     EXPECT_EQ(Set::fetch_name(dir.get()), nullptr);
-    calls.read = nullptr;
     EXPECT_EQ(Set::next(dir.get()), 0);
 }
 
@@ -354,14 +311,16 @@ TYPED_TEST(zqdir_test, goes_on_after_a_failure_and_keeps_what_is_not_empty)
         fs::create_directories(top + directory);
     for (const char *file : {"/stays", "/goes", "/b/c/goes", "/b/stays", "/d/goes"})
         mknod((top + file).c_str(), S_IFREG | 0600, 0);
-    Interposed calls;
-    calls.remove = [](const std::string &name) {
-        return name == "stays" || name == "fails" ? EBUSY : 0;
-    };
-    calls.open = [](const std::string &name) { return name == "unreadable" ? EACCES : 0; };
     LogCapture log;
-    EXPECT_EQ(Set::remove_recursive(top.c_str()), -1);
-    calls.open = nullptr;
+    {
+        SystemCalls calls([](const SystemCall &call) {
+            const bool removes = call.name == "unlinkat";
+            return removes && (call.path == "stays" || call.path == "fails") ? EBUSY
+                   : call.name == "openat" && call.path == "unreadable"      ? EACCES
+                                                                             : PASS;
+        });
+        EXPECT_EQ(Set::remove_recursive(top.c_str()), -1);
+    }
     Lines lines = log.take();
     std::sort(lines.begin(), lines.end(), [](auto &a, auto &b) { return a.text < b.text; });
     EXPECT_EQ(lines, (Lines{{7, "unable to delete file '" + top + "/b/stays'"},
@@ -376,21 +335,6 @@ TYPED_TEST(zqdir_test, goes_on_after_a_failure_and_keeps_what_is_not_empty)
                                               "/d/unreadable", "/stays"}));
 }
 
-TYPED_TEST(zqdir_test, stops_reading_after_an_error)
-{
-    using Set = TypeParam;
-    Scratch scratch;
-    std::string top = scratch.file("top");
-    fs::create_directory(top);
-    mknod((top + "/f").c_str(), S_IFREG | 0600, 0);
-    Interposed calls;
-    calls.read = [] { return EIO; };
-    LogCapture log;
-    EXPECT_EQ(Set::remove_recursive(top.c_str()), -1);
-    EXPECT_EQ(log.take(), (Lines{{7, "an error occurred reading the directory"}}));
-    EXPECT_TRUE(fs::exists(top + "/f"));
-}
-
 TYPED_TEST(zqdir_test, never_leaves_the_tree_when_it_changes_meanwhile)
 {
     using Set = TypeParam;
@@ -399,28 +343,27 @@ TYPED_TEST(zqdir_test, never_leaves_the_tree_when_it_changes_meanwhile)
     std::string outside = scratch.file("outside");
     fs::create_directory(outside);
     mknod((outside + "/kept").c_str(), S_IFREG | 0600, 0);
-    Interposed calls;
     {
         // A directory becomes a link just before it is opened.
         fs::create_directories(top + "/swapped");
-        calls.open = [&](const std::string &name) {
-            if (name == "swapped") {
+        SystemCalls calls([&](const SystemCall &call) {
+            if (call.name == "openat" && call.path == "swapped") {
                 fs::remove(top + "/swapped");
                 fs::create_symlink(outside, top + "/swapped");
             }
-            return 0;
-        };
+            return PASS;
+        });
         EXPECT_EQ(Set::remove_recursive(top.c_str()), -1);
         fs::remove(top + "/swapped");
     }
     {
         // A directory is moved away, so that ".." leads elsewhere.
         fs::create_directories(top + "/a/moved/c");
-        calls.open = [&](const std::string &name) {
-            if (name == "..")
+        SystemCalls calls([&](const SystemCall &call) {
+            if (call.path == "..")
                 fs::rename(top + "/a/moved", outside + "/moved");
-            return 0;
-        };
+            return PASS;
+        });
         LogCapture log;
         EXPECT_EQ(Set::remove_recursive(top.c_str()), -1);
         EXPECT_EQ(log.take(), (Lines{{7, "unable to return from directory '" + top +
@@ -429,22 +372,6 @@ TYPED_TEST(zqdir_test, never_leaves_the_tree_when_it_changes_meanwhile)
     }
     EXPECT_TRUE(fs::exists(outside + "/kept"));
 }
-
-namespace {
-// Puts Scratch directories into memory where the system has a file system for that: the trees are
-// large.
-struct InMemory {
-    InMemory() { setenv("TMPDIR", access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp", 1); }
-    ~InMemory()
-    {
-        if (before.empty())
-            unsetenv("TMPDIR");
-        else
-            setenv("TMPDIR", before.c_str(), 1);
-    }
-    std::string before = getenv("TMPDIR") ? getenv("TMPDIR") : "";
-};
-} // namespace
 
 // Paths far beyond what the system takes, made a step at a time.
 static void make_deep_tree(const std::string &top, int levels)
@@ -463,7 +390,7 @@ static void make_deep_tree(const std::string &top, int levels)
 
 TEST(zqdir, removes_deep_trees_with_little_stack_and_few_descriptors)
 {
-    InMemory memory;
+    const ScratchPlace place(ScratchPlace::memory()); // for large trees
     Scratch scratch;
     std::string top = scratch.file("top");
     make_deep_tree(top, faults_injected() ? 5 : 10'000);
@@ -484,7 +411,7 @@ TEST(zqdir, removes_deep_trees_with_little_stack_and_few_descriptors)
 
 TEST(zqdir, removes_wide_trees)
 {
-    InMemory memory;
+    const ScratchPlace place(ScratchPlace::memory()); // for large trees
     Scratch scratch;
     std::string top = scratch.file("top");
     fs::create_directory(top);

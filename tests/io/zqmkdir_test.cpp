@@ -1,7 +1,6 @@
 #include "zq/io/zqmkdir.h"
 
 #include <cerrno>
-#include <dlfcn.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -15,17 +14,6 @@
 #include "zq/io/zqrmdir.h"
 
 using Lines = std::vector<LogLine>;
-
-static int mkdir_error; // of every mkdir() when not 0
-
-extern "C" int mkdir(const char *path, mode_t mode) noexcept
-{
-    if (mkdir_error != 0) {
-        errno = mkdir_error;
-        return -1;
-    }
-    return reinterpret_cast<decltype(&mkdir)>(dlsym(RTLD_NEXT, "mkdir"))(path, mode);
-}
 
 TEST(zqmkdir, makes_and_removes_one_directory)
 {
@@ -96,25 +84,6 @@ TEST(zqmkdir, makes_relative_paths)
     EXPECT_TRUE(std::filesystem::is_directory(scratch.file("b/c")));
     EXPECT_TRUE(std::filesystem::is_directory(scratch.file("d/e")));
     EXPECT_FALSE(std::filesystem::exists(scratch.file("d/e/f")));
-}
-
-TEST(zqmkdir, translates_the_platforms_errors)
-{
-    const std::pair<int, zqerror> rows[] = {
-        {EPERM, 13},  {EACCES, 13}, {ENOENT, 20}, {ENOTDIR, 20}, {ENOMEM, 12},       {EEXIST, 0},
-        {ENOSPC, 28}, {EROFS, 30},  {EMLINK, 31}, {ELOOP, 40},   {ENAMETOOLONG, 36}, {EIO, 202},
-    };
-    for (const auto &[error, result] : rows) {
-        LogCapture log;
-        mkdir_error = error;
-        EXPECT_EQ(zq_mkdir_recursive("/none"), result);
-        EXPECT_EQ(zq_mkdir_recursive("/none/none"), result); // the parent's
-        mkdir_error = 0;
-        Lines expected;
-        if (error == EIO)
-            expected.assign(2, {7, "an unhandled error " + std::to_string(EIO) + " occurred"});
-        EXPECT_EQ(log.take(), expected);
-    }
 }
 
 TEST(zqmkdir, takes_paths_of_any_length)
