@@ -9,8 +9,7 @@
 
 #include "tests/support/expect.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/process.h"
-#include "tests/support/scratch.h"
+#include "tests/support/peer_server.h"
 #include "tests/support/zqserve.h"
 #include "zq/net/zqhttp_lite.h"
 
@@ -32,21 +31,15 @@ class http_interop : public testing::Test {
     static void SetUpTestSuite()
     {
         signal(SIGPIPE, SIG_IGN);
-        // Where servers are, for ordinary users too.
-        setenv("PATH", (std::string(getenv("PATH")) + ":/usr/sbin").c_str(), 1);
         scratch = std::make_unique<Scratch>();
-        for (const char *directory : {"www/put", "temp"})
-            std::filesystem::create_directories(scratch->file(directory));
+        std::filesystem::create_directories(scratch->file("www/put"));
         scratch->write("www/page.txt", "a page\n");
         scratch->write("www/ssi.html",
                        R"([<!--# set var="a" value="b" --><!--# echo var="a" -->])");
         scratch->write("www/slow", random_bytes(24 << 10));
         scratch->write("www/medium", random_bytes(1 << 20));
-        port = free_port();
-        nginx =
-            start("nginx", port, {"-p", scratch->path(), "-e", scratch->file("error.log"), "-c"});
-        proxy_port = free_port();
-        tinyproxy = start("tinyproxy", proxy_port, {"-d", "-c"});
+        nginx = std::make_unique<PeerServer>("nginx", *scratch);
+        tinyproxy = std::make_unique<PeerServer>("tinyproxy", *scratch);
     }
     static void TearDownTestSuite()
     {
@@ -55,26 +48,12 @@ class http_interop : public testing::Test {
         scratch.reset();
     }
 
-    // Starts a server with the template of its name; `arguments` end with the option for that.
-    static std::unique_ptr<Process> start(const std::string &name, int own_port,
-                                          std::vector<std::string> arguments)
-    {
-        const std::string configuration = scratch->file(name + ".conf");
-        fill_template(ZQ_TEST_SOURCE "/tests/interop/" + name + ".conf.in", configuration,
-                      {{"DIR", scratch->path()}, {"PORT", std::to_string(own_port)}});
-        arguments.insert(arguments.begin(), name);
-        arguments.push_back(configuration);
-        auto process = std::make_unique<Process>(arguments, scratch->file(name + ".out"));
-        EXPECT_TRUE(wait_for_port(own_port)) << read_file(scratch->file(name + ".out"));
-        return process;
-    }
-
     static std::string url(const std::string &target)
     {
-        return "http://127.0.0.1:" + std::to_string(port) + target;
+        return "http://" + nginx->address() + target;
     }
 
-    void SetUp() override { ASSERT_TRUE(http); }
+    void SetUp() override { ASSERT_TRUE(http && nginx->listens() && tinyproxy->listens()); }
 
     zqerror get(const std::string &target)
     {
@@ -93,15 +72,13 @@ class http_interop : public testing::Test {
     }
 
     static std::unique_ptr<Scratch> scratch;
-    static std::unique_ptr<Process> nginx, tinyproxy;
-    static int port, proxy_port;
+    static std::unique_ptr<PeerServer> nginx, tinyproxy;
     LogCapture log;
     Http http{zq_http_lite_create()};
 };
 
 std::unique_ptr<Scratch> http_interop::scratch;
-std::unique_ptr<Process> http_interop::nginx, http_interop::tinyproxy;
-int http_interop::port, http_interop::proxy_port;
+std::unique_ptr<PeerServer> http_interop::nginx, http_interop::tinyproxy;
 
 TEST_F(http_interop, statuses_and_redirects)
 {
@@ -162,15 +139,15 @@ TEST_F(http_interop, slow_bodies)
 
 TEST_F(http_interop, proxies)
 {
-    zq_http_set_proxy(http.get(), "127.0.0.1", static_cast<uint32_t>(proxy_port));
+    zq_http_set_proxy(http.get(), "127.0.0.1", static_cast<uint32_t>(tinyproxy->port()));
     EXPECT_EQ(get("/medium"), ZQ_ERROR_NONE);
     EXPECT_NE(zq_http_get_response_header(http.get(), "via"), nullptr);
     EXPECT_TRUE(body() == read_file(scratch->file("www/medium")));
     EXPECT_EQ(get("/relative"), ZQ_ERROR_NONE);
     EXPECT_EQ(body(), "a page\n");
     // The same through the example.
-    const std::string proxy = "127.0.0.1:" + std::to_string(proxy_port);
-    const Outcome example_run = run({example("zqget"), "--proxy", proxy, url("/medium")});
+    const Outcome example_run =
+        run({example("zqget"), "--proxy", tinyproxy->address(), url("/medium")});
     EXPECT_EQ(example_run.status, 0) << example_run.err;
     EXPECT_TRUE(example_run.out == read_file(scratch->file("www/medium")));
     // Nobody listens there: the proxy says so in its own words.

@@ -8,8 +8,7 @@
 #include <thread>
 
 #include "tests/support/expect.h"
-#include "tests/support/process.h"
-#include "tests/support/scratch.h"
+#include "tests/support/peer_server.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/zqserve.h"
 #include "zq/util/zqlog.h"
@@ -18,15 +17,6 @@
 namespace fs = std::filesystem;
 using Icap = Owned<zqicap, zq_icap_destroy>;
 
-static std::string modules_directory()
-{
-    for (const auto &entry : fs::directory_iterator("/usr/lib")) {
-        if (fs::exists(entry.path() / "c_icap"))
-            return (entry.path() / "c_icap").string();
-    }
-    return "";
-}
-
 class icap_interop : public testing::Test {
   protected:
     static void SetUpTestSuite()
@@ -34,19 +24,12 @@ class icap_interop : public testing::Test {
         zq_signal_ignore_sigpipe();
         ASSERT_EQ(zq_log_init_threaded(), 0);
         scratch = new Scratch;
-        int port = free_port();
-        fill_template(ZQ_TEST_SOURCE "/tests/interop/c-icap.conf.in", scratch->file("c-icap.conf"),
-                      {{"DIR", scratch->path()},
-                       {"PORT", std::to_string(port)},
-                       {"MODULES", modules_directory()}});
-        server = new Process({"c-icap", "-N", "-f", scratch->file("c-icap.conf")},
-                             scratch->file("output"));
-        ASSERT_TRUE(wait_for_port(port)) << read_file(scratch->file("output"));
-        url = "icap://127.0.0.1:" + std::to_string(port) + "/echo";
+        server = new PeerServer("c-icap", *scratch);
+        ASSERT_TRUE(server->listens());
+        url = "icap://" + server->address() + "/echo";
     }
     static void TearDownTestSuite()
     {
-        server->stop(SIGTERM);
         delete server;
         delete scratch;
     }
@@ -60,11 +43,11 @@ class icap_interop : public testing::Test {
     }
 
     static Scratch *scratch;
-    static Process *server;
+    static PeerServer *server;
     static std::string url;
 };
 Scratch *icap_interop::scratch;
-Process *icap_interop::server;
+PeerServer *icap_interop::server;
 std::string icap_interop::url;
 
 static std::string random_bytes(size_t size)

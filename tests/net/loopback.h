@@ -83,4 +83,36 @@ inline std::string receive_text(const Fd &fd)
     return count > 0 ? std::string(buffer, static_cast<size_t>(count)) : "";
 }
 
+inline Fd connect_to(uint32_t port)
+{
+    Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    timeval limit = {10, 0}; // a server that says nothing is a failure
+    setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    Address address("127.0.0.1", port);
+    if (connect(fd.get(), address.get(), address.size) != 0)
+        fd.reset();
+    return fd;
+}
+
+// Makes the end of the descriptor a reset of its connection.
+inline void reset_at_close(const Fd &fd)
+{
+    linger at_once = {1, 0};
+    setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+}
+
+// All that a client receives for what it sends.
+inline std::string ask(const Fd &client, const std::string &text)
+{
+    send_text(client, text);
+    std::string all;
+    for (std::string part = receive_text(client); !part.empty(); part = receive_text(client))
+        all += part;
+    return all;
+}
+inline std::string ask(uint32_t port, const std::string &text)
+{
+    return ask(connect_to(port), text);
+}
+
 #endif

@@ -112,28 +112,6 @@ class Server {
 };
 } // namespace
 
-static Fd connect_to(uint32_t port)
-{
-    Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    timeval limit = {10, 0}; // a server that says nothing is a failure
-    setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    Address address("127.0.0.1", port);
-    if (connect(fd.get(), address.get(), address.size) != 0)
-        fd.reset();
-    return fd;
-}
-
-// All that the client receives for what it sends.
-static std::string ask(uint32_t port, const std::string &text)
-{
-    Fd client = connect_to(port);
-    send_text(client, text);
-    std::string all;
-    for (std::string part = receive_text(client); !part.empty(); part = receive_text(client))
-        all += part;
-    return all;
-}
-
 static size_t count_threads()
 {
     auto tasks = std::filesystem::directory_iterator("/proc/self/task");

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -101,18 +100,6 @@ bool wait_for_port(int port)
         usleep(10000);
     }
     return false;
-}
-
-void fill_template(const std::string &source, const std::string &target,
-                   const std::vector<std::pair<std::string, std::string>> &values)
-{
-    std::string text = read_file(source);
-    for (const auto &[name, value] : values) {
-        std::string key = "@" + name + "@";
-        for (size_t at = text.find(key); at != std::string::npos; at = text.find(key, at))
-            text.replace(at, key.size(), value);
-    }
-    std::ofstream(target, std::ios::binary) << text;
 }
 
 size_t open_descriptors()

@@ -1,9 +1,9 @@
 #ifndef TESTS_SUPPORT_PROCESS_H
 #define TESTS_SUPPORT_PROCESS_H
 
+#include <csignal>
 #include <string>
 #include <sys/types.h>
-#include <utility>
 #include <vector>
 
 // Runs a program to its end.
@@ -35,10 +35,6 @@ int free_port();
 
 // Waits until somebody accepts connections on the loopback port; false after ten seconds.
 bool wait_for_port(int port);
-
-// Copies a template to `target`, replacing every @NAME@.
-void fill_template(const std::string &source, const std::string &target,
-                   const std::vector<std::pair<std::string, std::string>> &values);
 
 // The number of descriptors that this process has open.
 size_t open_descriptors();

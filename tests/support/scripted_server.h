@@ -1,6 +1,7 @@
 #ifndef TESTS_SUPPORT_SCRIPTED_SERVER_H
 #define TESTS_SUPPORT_SCRIPTED_SERVER_H
 
+#include <chrono>
 #include <string>
 #include <thread>
 
@@ -11,9 +12,11 @@ class ScriptedServer {
     enum Ending {
         CLOSE, // ends the stream behind the reply
         STALL, // says nothing more
+        RESET, // resets the connection behind the reply
     };
-    // `piece` bytes are sent at a time; 0 sends all at once.
-    explicit ScriptedServer(std::string reply, size_t piece = 0, Ending ending = CLOSE);
+    // `piece` bytes are sent at a time, 0 sends all at once, and the pause comes before each.
+    explicit ScriptedServer(std::string reply, size_t piece = 0, Ending ending = CLOSE,
+                            std::chrono::milliseconds pause = {});
     ~ScriptedServer();
     ScriptedServer(const ScriptedServer &) = delete;
     ScriptedServer &operator=(const ScriptedServer &) = delete;
@@ -23,7 +26,8 @@ class ScriptedServer {
     std::string request();
 
   private:
-    void serve(const std::string &reply, size_t piece, Ending ending);
+    void serve(const std::string &reply, size_t piece, Ending ending,
+               std::chrono::milliseconds pause);
     int listener;
     uint32_t listening_port;
     std::string received;

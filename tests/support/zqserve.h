@@ -15,6 +15,10 @@ class Zqserve {
 
     const std::string &www() const { return root; }
     const std::string &url() const { return base; }
+    uint32_t port() const
+    {
+        return static_cast<uint32_t>(std::stoul(base.substr(base.rfind(':') + 1)));
+    }
     pid_t pid() const { return process->pid(); }
     std::string access_log() const { return read_file(scratch.file("access.log")); }
     int stop(int signal) { return process->stop(signal); }
