@@ -54,6 +54,9 @@ void ScriptedServer::serve(const std::string &reply, size_t piece, Ending ending
         return;
     int on = 1;
     setsockopt(connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+    char buffer[65536];
+    if (ending == RESET)
+        recv(connection, buffer, 1, MSG_PEEK);
     for (size_t sent = 0; sent < reply.size() && stays(connection, pause); sent += piece) {
         if (send(connection, reply.data() + sent, std::min(piece, reply.size() - sent),
                  MSG_NOSIGNAL) < 0)
@@ -67,7 +70,6 @@ void ScriptedServer::serve(const std::string &reply, size_t piece, Ending ending
         close(connection);
         return;
     }
-    char buffer[65536];
     for (ssize_t count; (count = recv(connection, buffer, sizeof(buffer), 0)) > 0;)
         received.append(buffer, static_cast<size_t>(count));
     close(connection);

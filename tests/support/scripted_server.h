@@ -12,7 +12,7 @@ class ScriptedServer {
     enum Ending {
         CLOSE, // ends the stream behind the reply
         STALL, // says nothing more
-        RESET, // resets the connection behind the reply
+        RESET, // waits for a request and resets the connection behind the reply
     };
     // `piece` bytes are sent at a time, 0 sends all at once, and the pause comes before each.
     explicit ScriptedServer(std::string reply, size_t piece = 0, Ending ending = CLOSE,
