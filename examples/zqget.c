@@ -36,6 +36,8 @@ struct download {
     zqhttp *http;
     FILE *file;
     zqtimer *timer;
+    int timeout;
+    int late;
     int show_progress;
     int shown;
     int write_failed;
@@ -68,7 +70,8 @@ static int add_options(zqgetopt *options, void *context)
            zq_getopt_int(options, "timeout", 't', &settings->timeout, "SECONDS",
                          "Give up when the transfer takes longer.") ||
            zq_getopt_int(options, "idle", 'i', &settings->idle, "SECONDS",
-                         "Give up when nothing arrives for so long (30).") ||
+                         "Give up when no answer begins, or no more of it comes, for so long "
+                         "(30).") ||
            zq_getopt_const_string(options, "proxy", 'p', &settings->proxy, "HOST:PORT",
                                   "Ask this HTTP proxy.") ||
            zq_getopt_flag_set(options, "quiet", 'q', &settings->quiet, "No progress bar.") ||
@@ -122,10 +125,20 @@ static const char *scaled(double bytes, char *text, size_t size)
     return text;
 }
 
+/* The library's own limit does not end a body that keeps coming. */
+static int is_late(const struct download *download)
+{
+    int32_t seconds;
+    zq_timer_split(download->timer);
+    zq_timer_gettotal(download->timer, 0, &seconds, NULL, NULL);
+    return download->timeout >= 0 && seconds >= download->timeout;
+}
+
 static zqerror show_progress(int64_t current, int64_t total, void *context)
 {
     struct download *download = context;
-    if (interrupted) {
+    download->late = is_late(download);
+    if (interrupted || download->late) {
         zq_http_abort(download->http);
         return ZQ_ERROR_NONE;
     }
@@ -135,7 +148,6 @@ static zqerror show_progress(int64_t current, int64_t total, void *context)
     char done[32];
     char speed[32];
     double rate;
-    zq_timer_split(download->timer);
     zq_timer_gettotal(download->timer, (uint64_t)current, NULL, NULL, &rate);
     scaled((double)current, done, sizeof(done));
     scaled(rate, speed, sizeof(speed));
@@ -209,6 +221,8 @@ static int perform(struct download *download, const struct settings *settings)
     zqerror error = zq_http_set_url(http, settings->url);
     if (error == ZQ_ERROR_NONE)
         error = zq_http_perform(http);
+    if (error == ZQ_ERROR_CANCELED && download->late)
+        error = ZQ_ERROR_TIMER_EXPIRED;
     if (download->shown)
         fprintf(stderr, "\r\033[K");
     if (interrupted) {
@@ -311,6 +325,15 @@ static int save_to_stdout(struct download *download, const struct settings *sett
     return result;
 }
 
+/* Each read of a body may take as long as the whole transfer, and its silence ends in no other way:
+ * the idle limit has to be that of the transfer too. */
+static void set_limits(zqhttp *http, int timeout, int idle)
+{
+    int limit = timeout < 0 || (idle >= 0 && idle < timeout) ? idle : timeout;
+    zq_http_set_timeout(http, limit, 0);
+    zq_http_set_idle_timeout(http, idle, 0);
+}
+
 static int get(const void *context)
 {
     const struct settings *settings = context;
@@ -326,8 +349,8 @@ static int get(const void *context)
     if (result == EXIT_DONE) {
         int to_terminal = !settings->output && !settings->json && isatty(STDOUT_FILENO);
         download.show_progress = !settings->quiet && !to_terminal && isatty(STDERR_FILENO);
-        zq_http_set_timeout(download.http, settings->timeout, 0);
-        zq_http_set_idle_timeout(download.http, settings->idle, 0);
+        download.timeout = settings->timeout;
+        set_limits(download.http, settings->timeout, settings->idle);
         zq_http_set_proxy_callback(download.http, check_route, NULL);
         zq_http_set_download_progress_callback(download.http, show_progress, &download);
         if (settings->head)

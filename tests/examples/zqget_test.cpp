@@ -97,7 +97,7 @@ TEST(zqget, says_what_went_wrong)
 TEST(zqget, leaves_nothing_behind_when_interrupted_or_late)
 {
     // Announces more than is sent, and then says nothing.
-    const std::string part = "HTTP/1.0 200 OK\r\nContent-Length: 100\r\n\r\npart";
+    const std::string part = "HTTP/1.0 200 OK\r\nContent-Length: 9999\r\n\r\npart";
     Scratch scratch, messages;
     auto start = [&](const ScriptedServer &server, const std::string &timeout) {
         std::string url = "http://127.0.0.1:" + std::to_string(server.port()) + "/";
@@ -117,4 +117,15 @@ TEST(zqget, leaves_nothing_behind_when_interrupted_or_late)
     ScriptedServer silent(part, 0, ScriptedServer::STALL);
     EXPECT_EQ(start(silent, "1")->stop(0), 5);
     EXPECT_TRUE(fs::is_empty(scratch.path()));
+
+    // Silence alone is enough, and a body that keeps coming does not help.
+    for (const char *option : {"-i", "-t"}) {
+        const bool keeps_coming = option[1] == 't';
+        ScriptedServer slow(part + std::string(keeps_coming ? 5000 : 0, 'x'), part.size(),
+                            ScriptedServer::STALL, std::chrono::milliseconds(200));
+        const std::string url = "http://127.0.0.1:" + std::to_string(slow.port()) + "/";
+        Outcome outcome = run({"timeout", "20", example("zqget"), url, option, "1"});
+        EXPECT_EQ(outcome.status, 5) << option;
+        EXPECT_EQ(outcome.err, "zqget: " + url + ": timer expired\n") << option;
+    }
 }

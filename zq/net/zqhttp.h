@@ -85,7 +85,8 @@ ZQ_API void zq_http_set_proxy_callback(zqhttp *zqhttp, zq_http_proxy_callback ca
 ZQ_API void zq_http_set_timeout(zqhttp *zqhttp, int32_t seconds, uint32_t microseconds);
 
 /* zq_http_set_idle_timeout limits the time in which nothing is sent or received; negative seconds
- * mean no limit. */
+ * mean no limit. It does not cut a read of the body short: while a server is silent there, only
+ * zq_http_set_timeout() ends the wait. */
 ZQ_API void zq_http_set_idle_timeout(zqhttp *zqhttp, int32_t seconds, uint32_t microseconds);
 
 /* zq_http_get_idle_timeout reports the idle timeout as it was set. */
