@@ -196,6 +196,9 @@ TEST(zqtest, xml_report)
     EXPECT_EQ(summary(third, -1), expected);
     EXPECT_EQ(log.take(),
               (Lines{{7, "unable to open file '" + missing + "' for writing, error 2"}}));
+    ASSERT_EQ(parse(third, {"-o", "/dev/full"}), 0);
+    EXPECT_EQ(summary(third, -1), expected);
+    EXPECT_EQ(log.take(), (Lines{{7, "unable to write file '/dev/full', error 28"}}));
     // A time beyond the years that fit.
     ASSERT_EQ(parse(third, {"-o", file}), 0);
     stamp_clock = std::numeric_limits<time_t>::max();

@@ -263,6 +263,11 @@ static int zq_test_summary_xml(const zqtest *zqtest, const char *filename, unsig
     for (const zqtestcase *testcase : test_cases(zqtest->cases))
         zq_test_summary_xml_testcase(testcase, out.get());
     fprintf(out.get(), "  </testsuite>\n");
+    if (fflush(out.get()) != 0 || ferror(out.get())) {
+        const int error = errno;
+        ZQ_LOG(7, "unable to write file '%s', error %d", filename, error);
+        return -1;
+    }
     return 0;
 }
 
