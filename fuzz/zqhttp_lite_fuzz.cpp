@@ -3,11 +3,8 @@
 
 #include "zq/net/zqhttp_lite.h"
 
-#include <sstream>
-
-#include "fuzz/support/fuzz.h"
+#include "fuzz/support/http.h"
 #include "fuzz/support/peer.h"
-#include "zq/internal/zqowned.h"
 
 namespace {
 struct Limit {
@@ -21,8 +18,6 @@ struct Settings {
     Body body;
     bool post, progress, proxy;
     Limit idle, full;
-    zqerror ending;
-    std::vector<std::string> replies;
 };
 
 struct Outcome {
@@ -95,23 +90,6 @@ static std::vector<std::string> read_headers(zqhttp *http, std::string_view repl
     return values;
 }
 
-static std::string read_body(zqhttp *http)
-{
-    char *text = nullptr;
-    void *data = nullptr;
-    size_t size = 1;
-    const zqerror result = zq_http_get_response_body_and_size(http, &data, &size);
-    FUZZ_CHECK(zq_http_get_response_body(http, &text) == result);
-    const owned_block<> text_owner(text), data_owner(static_cast<char *>(data));
-    if (result != ZQ_ERROR_NONE) {
-        FUZZ_CHECK(result == ZQ_ERROR_INVALID_ARGUMENT && !data && !text && size == 0);
-        return "";
-    }
-    std::string body(static_cast<char *>(data), size);
-    FUZZ_CHECK(std::string(text, size + 1) == body + '\0');
-    return body;
-}
-
 static Outcome perform(const Settings &settings, Peer &peer)
 {
     const owned<zqhttp, zq_http_destroy> http(zq_http_lite_create());
@@ -121,10 +99,10 @@ static Outcome perform(const Settings &settings, Peer &peer)
     outcome.result = zq_http_perform(http.get());
     outcome.status = zq_http_get_status_code(http.get());
     zq_http_get_response_header_int(http.get(), "Content-Length", &outcome.length);
-    outcome.body = settings.body == MEMORY ? read_body(http.get()) : received.body;
+    outcome.body = settings.body == MEMORY ? stored_body(http.get()) : received.body;
     outcome.requests = peer.requests;
     if (!peer.requests.empty())
-        outcome.headers = read_headers(http.get(), settings.replies[peer.requests.size() - 1]);
+        outcome.headers = read_headers(http.get(), peer.reply());
     if (outcome.result == ZQ_ERROR_NONE && settings.progress && settings.body == STREAM)
         FUZZ_CHECK(received.progress == static_cast<int64_t>(received.body.size()));
     FUZZ_CHECK(zq_http_reset(http.get()) == ZQ_ERROR_NONE);
@@ -149,8 +127,6 @@ static Outcome download(const Settings &settings, Peer &peer)
 
 static Outcome exchange(const Settings &settings, Peer &peer)
 {
-    peer.replies = settings.replies;
-    peer.ending = settings.ending;
     return settings.body == FILE_STREAM ? download(settings, peer) : perform(settings, peer);
 }
 
@@ -167,9 +143,9 @@ static std::string_view body_of(std::string_view reply)
 }
 
 // The body is all that the last reply holds behind its headers, up to the announced length.
-static void check_body(const Settings &settings, const Outcome &outcome)
+static void check_body(const Settings &settings, const Outcome &outcome, const Peer &peer)
 {
-    std::string_view body = body_of(settings.replies[outcome.requests.size() - 1]);
+    std::string_view body = body_of(peer.reply());
     if (outcome.length >= 0)
         body = body.substr(0, static_cast<size_t>(outcome.length));
     FUZZ_CHECK(settings.body == MEMORY ? outcome.body == body : outcome.body.ends_with(body));
@@ -191,7 +167,7 @@ static void check_timeout(const Settings &settings, const Outcome &outcome, cons
     auto passed = [](const Limit &limit, int64_t time) {
         return limit.seconds >= 0 && time >= int64_t{limit.seconds} * 1000000 + limit.microseconds;
     };
-    FUZZ_CHECK(passed(settings.full, peer.elapsed) ||
+    FUZZ_CHECK(passed(settings.full, fake_time) ||
                (outcome.result == ZQ_ERROR_TIMED_OUT && passed(settings.idle, peer.quiet)));
 }
 
@@ -227,8 +203,6 @@ static void compare(const Settings &settings, const Outcome &whole, const Outcom
 static Settings read_settings(Input &input)
 {
     static const Limit limits[] = {{30, 0}, {-1, 0}, {0, 500000}, {2, 1}};
-    static const zqerror endings[] = {ZQ_ERROR_END_OF_FILE, ZQ_ERROR_TIMED_OUT,
-                                      ZQ_ERROR_CONNECTION_RESET};
     Settings settings = {};
     settings.body = static_cast<Body>(input.below(BODY_COUNT));
     settings.post = input.below(2);
@@ -236,7 +210,6 @@ static Settings read_settings(Input &input)
     settings.proxy = input.below(2);
     settings.idle = limits[input.below(4)];
     settings.full = limits[input.below(4)];
-    settings.ending = endings[input.below(3)];
     if (settings.body == FILE_STREAM) { // which sets nothing but the limit of the whole
         settings.post = settings.progress = settings.proxy = false;
         settings.idle = limits[0];
@@ -246,25 +219,18 @@ static Settings read_settings(Input &input)
 
 void fuzz(Input &input)
 {
-    Settings settings = read_settings(input);
-    const std::string reads = input.text(), writes = input.text();
-    constexpr char next_reply = '\x1e';
-    for (std::istringstream replies(input.rest()); !replies.eof();)
-        std::getline(replies, settings.replies.emplace_back(), next_reply);
-
+    const Settings settings = read_settings(input);
+    const Script script(input);
     Outcome whole;
     {
-        Peer peer;
         Settings streamed = settings;
         if (settings.body == FILE_STREAM)
             streamed.body = STREAM;
+        Peer peer(script.without_plans());
         whole = exchange(streamed, peer);
+        if (whole.result == ZQ_ERROR_NONE)
+            check_body(settings, whole, peer);
     }
-    if (whole.result == ZQ_ERROR_NONE)
-        check_body(settings, whole);
-    Peer peer;
-    peer.reads = reads;
-    peer.writes = writes;
-    const Outcome pieces = exchange(settings, peer);
-    compare(settings, whole, pieces, peer);
+    Peer peer(script);
+    compare(settings, whole, exchange(settings, peer), peer);
 }

@@ -68,9 +68,10 @@ static void check(Method method, const std::string &value, const std::optional<V
     static const char request[] = "GET / HTTP/1.0\r\n\r\n", response[] = "HTTP/1.0 200 OK\r\n\r\n";
     const std::string headers(verdict ? std::min(verdict->header_size, size_t{10000}) : 100, 'h');
     const bool complete = verdict && headers.size() == verdict->header_size;
-    Peer peer;
-    peer.replies = {"ICAP/1.0 200 OK\r\nEncapsulated: " + value + "\r\n\r\n" + headers +
-                    (complete ? "3\r\nabc\r\n0\r\n\r\n" : "")};
+    Script script;
+    script.replies = {"ICAP/1.0 200 OK\r\nEncapsulated: " + value + "\r\n\r\n" + headers +
+                      (complete ? "3\r\nabc\r\n0\r\n\r\n" : "")};
+    Peer peer(script);
     const owned<zqicap, zq_icap_destroy> icap(zq_icap_create());
     zq_icap_set_url(icap.get(), "icap://h/");
     if (method == REQMOD) {

@@ -4,7 +4,6 @@
 #include "zq/net/zqicap.h"
 
 #include <optional>
-#include <sstream>
 
 #include "fuzz/support/fuzz.h"
 #include "fuzz/support/peer.h"
@@ -19,8 +18,6 @@ struct Settings {
     unsigned int parts;
     bool chunked, allow204, reset;
     int64_t limit; // in microseconds; -1: none
-    zqerror ending;
-    std::vector<std::string> replies; // each is an exchange of the one client
 };
 
 struct Outcome {
@@ -46,7 +43,7 @@ static void set_parts(zqicap *icap, const Settings &settings, size_t *callback_l
     const std::string encoding = settings.chunked ? "Transfer-Encoding: Chunked\r\n" : "";
     const std::string reqhdr = "POST /p HTTP/1.1\r\n" + encoding + "\r\n";
     const std::string reshdr = "HTTP/1.1 200 OK\r\n" + encoding + "\r\n";
-    const std::string body(9000, 'b');
+    const std::string body(3000, 'b');
     if (settings.parts & REQHDR)
         zq_icap_set_request_headers(icap, reqhdr.data(), reqhdr.size());
     if (settings.parts & RESHDR)
@@ -55,7 +52,7 @@ static void set_parts(zqicap *icap, const Settings &settings, size_t *callback_l
         zq_icap_set_request_body(icap, body.data(), body.size());
     if (settings.parts & RESBODY)
         zq_icap_set_response_body(icap, body.data(), body.size());
-    *callback_left = 5000;
+    *callback_left = 2500;
     if (settings.parts & CALLBACK)
         zq_icap_set_request_body_callback(icap, next_piece, callback_left);
 }
@@ -79,14 +76,15 @@ static std::string body_of(zqicap *icap)
     return std::string(owner.get(), size);
 }
 
-static Outcome exchange(zqicap *icap, const Settings &settings, const Peer &peer)
+static Outcome exchange(zqicap *icap, const Settings &settings, Peer &peer)
 {
     void (*const set_method[])(zqicap *) = {zq_icap_set_method_reqmod, zq_icap_set_method_respmod,
                                             zq_icap_set_method_options};
     size_t callback_left;
     set_method[settings.method](icap);
     set_parts(icap, settings, &callback_left);
-    const int64_t start = peer.elapsed;
+    const int64_t start = fake_time;
+    peer.deadline = settings.limit < 0 ? INT64_MAX : start + settings.limit;
     Outcome outcome;
     outcome.result = zq_icap_perform(icap);
     outcome.status = zq_icap_get_status_code(icap);
@@ -94,17 +92,17 @@ static Outcome exchange(zqicap *icap, const Settings &settings, const Peer &peer
     outcome.headers = text_of(icap, zq_icap_get_response_headers);
     outcome.body = body_of(icap);
     outcome.request = peer.requests.back();
-    outcome.elapsed = peer.elapsed - start;
+    outcome.elapsed = fake_time - start;
     outcome.reset = peer.reset;
     if (settings.reset)
         zq_icap_reset(icap);
     return outcome;
 }
 
-static std::vector<Outcome> exchange_all(const Settings &settings, Peer &peer)
+// One client makes one exchange for each reply.
+static std::vector<Outcome> exchange_all(const Settings &settings, const Script &script)
 {
-    peer.replies = settings.replies;
-    peer.ending = settings.ending;
+    Peer peer(script);
     const owned<zqicap, zq_icap_destroy> icap(zq_icap_create());
     zq_icap_set_url(icap.get(), "icap://h/s?x");
     if (settings.limit >= 0)
@@ -113,7 +111,7 @@ static std::vector<Outcome> exchange_all(const Settings &settings, Peer &peer)
     if (settings.allow204)
         zq_icap_set_allow_204(icap.get());
     std::vector<Outcome> outcomes;
-    for (size_t i = 0; i < settings.replies.size(); i++)
+    for (size_t i = 0; i < std::min<size_t>(script.replies.size(), 4); i++)
         outcomes.push_back(exchange(icap.get(), settings, peer));
     return outcomes;
 }
@@ -146,10 +144,9 @@ static std::optional<std::string> decode(std::string_view rest, bool framing)
     return framing ? body + "0\r\n\r\n" : body;
 }
 
-// Of the first reply, which no others precede.
-static void check_success(const Settings &settings, const Outcome &outcome)
+// `rest` is the first reply, whose headers stand behind no others.
+static void check_success(const Settings &settings, const Outcome &outcome, std::string_view rest)
 {
-    std::string_view rest = settings.replies[0];
     if (rest.find('\0') != rest.npos || settings.reset)
         return;
     take_line(&rest);
@@ -188,9 +185,7 @@ static bool compare(const Settings &settings, const Outcome &whole, const Outcom
 
 static Settings read_settings(Input &input)
 {
-    static const int64_t limits[] = {-1, 30000000, 500000};
-    static const zqerror endings[] = {ZQ_ERROR_END_OF_FILE, ZQ_ERROR_TIMED_OUT,
-                                      ZQ_ERROR_CONNECTION_RESET};
+    static const int64_t limits[] = {-1, 30000000, 30000};
     Settings settings = {};
     settings.method = static_cast<Method>(input.below(3));
     settings.parts = input.below(32);
@@ -198,29 +193,17 @@ static Settings read_settings(Input &input)
     settings.allow204 = input.below(2);
     settings.reset = input.below(2);
     settings.limit = limits[input.below(3)];
-    settings.ending = endings[input.below(3)];
     return settings;
 }
 
 void fuzz(Input &input)
 {
-    Settings settings = read_settings(input);
-    const std::string reads = input.text(), writes = input.text();
-    constexpr char next_reply = '\x1e';
-    for (std::istringstream replies(input.rest()); !replies.eof();)
-        std::getline(replies, settings.replies.emplace_back(), next_reply);
-
-    std::vector<Outcome> whole;
-    {
-        Peer peer;
-        whole = exchange_all(settings, peer);
-    }
+    const Settings settings = read_settings(input);
+    const Script script(input);
+    const std::vector<Outcome> whole = exchange_all(settings, script.without_plans());
     if (whole[0].result == ZQ_ERROR_NONE)
-        check_success(settings, whole[0]);
-    Peer peer;
-    peer.reads = reads;
-    peer.writes = writes;
-    const std::vector<Outcome> pieces = exchange_all(settings, peer);
+        check_success(settings, whole[0], script.replies[0]);
+    const std::vector<Outcome> pieces = exchange_all(settings, script);
     for (size_t i = 0; i < whole.size(); i++) {
         if (!compare(settings, whole[i], pieces[i]))
             break;

@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <cstring>
 
-bool early_reply_collect(early_reply *early, zqhandle *handle)
+bool early_reply_collect(early_reply *early, zqhandle *handle, zqtimeout *timeout)
 {
     // Not 0: a timeout of 0 has expired before the first look at what is there.
     zq_handle_set_read_timeout(handle, 0, 1000);
     char piece[16384];
-    while (size_t count = zq_handle_read(handle, piece, sizeof(piece))) {
+    while (zq_timeout_check(timeout, nullptr, nullptr) != 1) {
+        const size_t count = zq_handle_read(handle, piece, sizeof(piece));
+        if (count == 0)
+            break;
         if (!body_store_append(&early->bytes, piece, count))
             return false;
     }

@@ -3,6 +3,7 @@
 
 #include "zq/internal/zqbodystore.h"
 #include "zq/io/zqhandle.h"
+#include "zq/util/zqtimeout.h"
 
 // What a server has answered before the request was out. A server that streams its answer stops
 // reading once its own writes find no room; taking its bytes while ours are stuck gets both going.
@@ -11,8 +12,9 @@ struct early_reply {
     size_t taken; // of the stored bytes, how many have been read
 };
 
-// Stores what the handle can give without waiting. False when out of memory.
-bool early_reply_collect(early_reply *early, zqhandle *handle);
+// Stores what the handle can give without waiting, until the timeout expires: a server that goes on
+// answering must not outlast it. False when out of memory.
+bool early_reply_collect(early_reply *early, zqhandle *handle, zqtimeout *timeout);
 
 void early_reply_clear(early_reply *early);
 

@@ -392,7 +392,7 @@ static bool zq_icap_write(zqicap *zqicap, const void *data, size_t size)
             return false;
         rest += count;
         size -= count;
-        if (!early_reply_collect(&zqicap->early, zqicap->handle)) {
+        if (!early_reply_collect(&zqicap->early, zqicap->handle, zqicap->timeout)) {
             zq_handle_set_error(zqicap->handle, ZQ_ERROR_NO_MEMORY);
             return false;
         }
