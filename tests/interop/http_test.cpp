@@ -1,30 +1,18 @@
 // The HTTP client against servers of other people: nginx and tinyproxy.
 
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <malloc.h>
-#include <random>
 #include <tuple>
 
 #include "tests/support/expect.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/peer_server.h"
+#include "tests/support/random_bytes.h"
 #include "tests/support/zqserve.h"
 #include "zq/net/zqhttp_lite.h"
 
 using Http = Owned<zqhttp, zq_http_destroy>;
-
-static std::string random_bytes(size_t size)
-{
-    std::string bytes(size, '\0');
-    std::mt19937_64 random(size);
-    for (size_t i = 0; i + 8 <= size; i += 8) {
-        const uint64_t word = random();
-        memcpy(&bytes[i], &word, 8);
-    }
-    return bytes;
-}
 
 class http_interop : public testing::Test {
   protected:

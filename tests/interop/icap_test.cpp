@@ -4,11 +4,11 @@
 #include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <random>
 #include <thread>
 
 #include "tests/support/expect.h"
 #include "tests/support/peer_server.h"
+#include "tests/support/random_bytes.h"
 #include "tests/support/scripted_server.h"
 #include "tests/support/zqserve.h"
 #include "zq/util/zqlog.h"
@@ -49,15 +49,6 @@ class icap_interop : public testing::Test {
 Scratch *icap_interop::scratch;
 PeerServer *icap_interop::server;
 std::string icap_interop::url;
-
-static std::string random_bytes(size_t size)
-{
-    std::mt19937 generator(static_cast<unsigned int>(size));
-    std::string bytes(size, '\0');
-    for (char &byte : bytes)
-        byte = static_cast<char>(generator());
-    return bytes;
-}
 
 static std::string request_headers(size_t body_size)
 {

@@ -101,14 +101,20 @@ inline void reset_at_close(const Fd &fd)
     setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
 }
 
+// What comes until the end of the stream.
+inline std::string receive_all(const Fd &fd)
+{
+    std::string all;
+    for (std::string part = receive_text(fd); !part.empty(); part = receive_text(fd))
+        all += part;
+    return all;
+}
+
 // All that a client receives for what it sends.
 inline std::string ask(const Fd &client, const std::string &text)
 {
     send_text(client, text);
-    std::string all;
-    for (std::string part = receive_text(client); !part.empty(); part = receive_text(client))
-        all += part;
-    return all;
+    return receive_all(client);
 }
 inline std::string ask(uint32_t port, const std::string &text)
 {
