@@ -3,8 +3,10 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <thread>
+
+#include "tests/net/tcp_server.h"
 
 namespace fs = std::filesystem;
 
@@ -119,6 +121,55 @@ TEST(zqserve, holds_64_connections)
     EXPECT_NE(outcome.out.find("Requests/sec"), std::string::npos) << outcome.out;
     EXPECT_EQ(outcome.out.find("Socket errors"), std::string::npos) << outcome.out;
     EXPECT_EQ(outcome.out.find("Non-2xx"), std::string::npos) << outcome.out;
+    EXPECT_EQ(server.stop(SIGTERM), 0);
+}
+
+// Asks on a connection that stays open: the status, or "" when it was closed.
+static std::string status_of(const Fd &client, const std::string &target)
+{
+    send_text(client, "HEAD " + target + " HTTP/1.1\r\n\r\n");
+    const std::string head = receive_text(client);
+    return head.substr(0, 9) == "HTTP/1.1 " ? head.substr(9, 3) : head;
+}
+
+// The descriptor that a process gets next.
+static rlim_t next_descriptor(pid_t pid)
+{
+    rlim_t next = 0;
+    while (fs::exists(
+        fs::symlink_status("/proc/" + std::to_string(pid) + "/fd/" + std::to_string(next))))
+        next++;
+    return next;
+}
+
+TEST(zqserve, goes_on_when_a_limit_is_raised_again)
+{
+    Zqserve server;
+    write(server.www() + "/page.txt", "a page");
+    rlimit before = {};
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they need all of it
+    prlimit(server.pid(), RLIMIT_AS, nullptr, &before);
+    const rlimit space = {address_space(server.pid()) + (1 << 20), before.rlim_max};
+    ASSERT_EQ(prlimit(server.pid(), RLIMIT_AS, &space, nullptr), 0);
+    EXPECT_EQ(status_of(connect_to(server.port()), "/page.txt"), "") << "no room for a stack";
+    prlimit(server.pid(), RLIMIT_AS, &before, nullptr);
+#endif
+    Fd open = connect_to(server.port());
+    for (int i = 0; i < 2; i++) // with the second one, the first is in the log
+        EXPECT_EQ(status_of(open, "/missing"), "404");
+    prlimit(server.pid(), RLIMIT_NOFILE, nullptr, &before);
+    const rlimit descriptors = {next_descriptor(server.pid()), before.rlim_max};
+    ASSERT_EQ(prlimit(server.pid(), RLIMIT_NOFILE, &descriptors, nullptr), 0);
+    EXPECT_EQ(status_of(open, "/page.txt"), "500") << "the file cannot be opened";
+    Fd waiting = connect_to(server.port());
+    auto has_said = [&](const char *text) {
+        return server.messages().find(text) != std::string::npos;
+    };
+    for (int tries = 0; tries < 1000 && !has_said("accept returned 202"); tries++)
+        usleep(10000);
+    EXPECT_TRUE(has_said("accept() returned error 24"));
+    prlimit(server.pid(), RLIMIT_NOFILE, &before, nullptr);
+    EXPECT_EQ(status_of(waiting, "/page.txt"), "200");
     EXPECT_EQ(server.stop(SIGTERM), 0);
 }
 

@@ -7,9 +7,9 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/ptrace.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 
+#include "tests/support/limit.h"
 #include "tests/support/scratch.h"
 #include "zq/io/zqdeletefile.h"
 #include "zq/io/zqdir.h"
@@ -580,26 +580,6 @@ TEST(system_faults, leave_the_new_or_the_previous_content_to_a_killed_process)
 }
 
 // ---- a system that has no more to give ----
-
-namespace {
-// The soft limit of the process for a resource.
-class Limit {
-  public:
-    Limit(int resource_, rlim_t value) : resource(resource_)
-    {
-        getrlimit(resource, &before);
-        const rlimit limit = {value, before.rlim_max};
-        setrlimit(resource, &limit);
-    }
-    ~Limit() { setrlimit(resource, &before); }
-    Limit(const Limit &) = delete;
-    Limit &operator=(const Limit &) = delete;
-
-  private:
-    const int resource;
-    rlimit before = {};
-};
-} // namespace
 
 // What the operation comes to while a T, made from the arguments, lives.
 template <class T, class... Arguments>

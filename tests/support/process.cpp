@@ -6,10 +6,12 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/support/expect.h"
 #include "tests/support/scratch.h"
 
 static pid_t start(const std::vector<std::string> &command, const std::string &in,
@@ -45,6 +47,23 @@ Outcome run(const std::vector<std::string> &command, const std::string &input)
     std::string in = scratch.write("in", input);
     int status = wait_for(start(command, in, scratch.file("out"), scratch.file("err")));
     return {status, read_file(scratch.file("out")), read_file(scratch.file("err"))};
+}
+
+void in_child(const std::function<void()> &body)
+{
+    constexpr int skipped = 77;
+    if (faults_injected())
+        GTEST_SKIP() << "paths of a child are not walked";
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        exit(testing::Test::HasFailure() ? 1 : testing::Test::IsSkipped() ? skipped : 0);
+    }
+    const int status = wait_for(child);
+    if (status == skipped)
+        GTEST_SKIP();
+    EXPECT_EQ(status, 0);
 }
 
 Process::Process(const std::vector<std::string> &command, const std::string &output_file)
@@ -100,6 +119,12 @@ bool wait_for_port(int port)
         usleep(10000);
     }
     return false;
+}
+
+size_t address_space(pid_t process)
+{
+    const std::string pages = read_file("/proc/" + std::to_string(process) + "/statm");
+    return std::stoul(pages) * static_cast<size_t>(getpagesize());
 }
 
 size_t open_descriptors()

@@ -2,6 +2,7 @@
 #define TESTS_SUPPORT_PROCESS_H
 
 #include <csignal>
+#include <functional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -13,6 +14,10 @@ struct Outcome {
     std::string err;
 };
 Outcome run(const std::vector<std::string> &command, const std::string &input = "");
+
+// Runs `body` as a test in a process of its own, whose limits and user it may change. What fails or
+// is skipped there fails or is skipped here. While faults are injected it is always skipped.
+void in_child(const std::function<void()> &body);
 
 // A program in the background, ended by its own pid at the latest when the object goes.
 class Process {
@@ -35,6 +40,9 @@ int free_port();
 
 // Waits until somebody accepts connections on the loopback port; false after ten seconds.
 bool wait_for_port(int port);
+
+// The bytes of address space that a process has taken.
+size_t address_space(pid_t process);
 
 // The number of descriptors that this process has open.
 size_t open_descriptors();

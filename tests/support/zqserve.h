@@ -1,6 +1,7 @@
 #ifndef TESTS_SUPPORT_ZQSERVE_H
 #define TESTS_SUPPORT_ZQSERVE_H
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,6 +21,8 @@ class Zqserve {
         return static_cast<uint32_t>(std::stoul(base.substr(base.rfind(':') + 1)));
     }
     pid_t pid() const { return process->pid(); }
+    // What it has printed, the library's log lines among it.
+    std::string messages() const { return read_file(scratch.file("serve.out")); }
     std::string access_log() const { return read_file(scratch.file("access.log")); }
     int stop(int signal) { return process->stop(signal); }
 

@@ -12,7 +12,12 @@ ZQ_BEGIN_DECLS
  *
  * A server is created, configured, started, stopped, waited for and destroyed, once each. All of
  * this belongs to one thread, except for zq_tcpserver_stop(). Starting switches the library's
- * logging to its thread-safe mode. Programs should ignore SIGPIPE (zq_signal_ignore_sigpipe()). */
+ * logging to its thread-safe mode. Programs should ignore SIGPIPE (zq_signal_ignore_sigpipe()).
+ *
+ * A server outlives what it cannot accept or serve; the log tells. Without memory or threads a
+ * connection is closed. Without descriptors it waits in the system's queue while the accepting
+ * thread tries again without a pause, at the cost of processor time and log lines: programs keep
+ * their connections below the limit of descriptors. */
 ZQ_OBJECT(zqtcpserver);
 
 /* Serves one connection. The server destroys the handle, which closes the connection, as soon as
