@@ -145,6 +145,10 @@ TEST(zqrandom, without_memory_each_call_says_why)
     CHECK_PROMISE(said == "{}" || (said.ends_with(", [7] generating random integer failed }") &&
                                    number == 0xdeadbeef));
     zq_random_uninit();
+    if (zq_random_set_filename(nullptr, "/dev/urandom") != 0) {
+        CHECK_PROMISE(text() != "{}");
+    }
+    zq_random_uninit();
 
     Random random(zq_random_create());
     if (!random) {

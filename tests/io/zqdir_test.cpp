@@ -439,7 +439,10 @@ TEST(zqdir, lines_without_memory_of_removal)
     lines.step();
     for (auto remove : {zq_dir_remove_recursive, zq_utf8dir_remove_recursive}) {
         Scratch scratch;
-        fs::create_directories(scratch.file("top/a/b"));
+        // Names that the text of a path has to grow for.
+        const std::string name(200, 'n');
+        fs::create_directories(scratch.file("top/" + name + "/b"));
+        scratch.write("top/" + name + "/" + name + "m", "");
         bool removed = remove(scratch.file("top").c_str()) == 0;
         CHECK_PROMISE(removed != fs::exists(scratch.file("top")));
         lines.step();

@@ -6,6 +6,7 @@
 #include "tests/support/expect.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/faults.h"
+#include "tests/support/heap.h"
 #include "tests/support/scratch.h"
 
 using Http = Owned<zqhttp, zq_http_destroy>;
@@ -605,6 +606,18 @@ TEST(zqhttp, lines_without_memory)
         lines.step(zq_http_perform(http.get()));
         lines.step(body_of(http.get()));
     }
+}
+
+TEST_F(zqhttp_request, a_body_may_be_too_long_for_the_memory)
+{
+    if (!heap_is_watched())
+        GTEST_SKIP();
+    EXPECT_EQ(perform({[&](zqhttp *) {
+                  HeapFailure failure(1, HeapFailure::REALLOCATIONS);
+                  return zq_http_write_response_body(http, "body", 4);
+              }}),
+              ZQ_ERROR_NO_MEMORY);
+    EXPECT_EQ(log.take(), (Lines{{7, "not enough memory for response body (4 bytes)"}}));
 }
 
 TEST_F(zqhttp_request, misuse)

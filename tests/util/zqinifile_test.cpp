@@ -1,6 +1,7 @@
 #include "zq/util/zqinifile.h"
 
 #include "tests/support/expect.h"
+#include "tests/support/heap.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/scratch.h"
@@ -128,6 +129,16 @@ TEST(zqinifile, reads_lines_of_any_length)
         EXPECT_EQ(value(ini, nullptr, "k"), std::string(length - 3, 'v'));
         EXPECT_EQ(written(ini.get()), "a=1\n" + line + line + line);
     }
+}
+
+TEST(zqinifile, a_line_may_be_too_long_for_the_memory)
+{
+    if (!heap_is_watched())
+        GTEST_SKIP();
+    LogCapture log;
+    HeapFailure failure(1, HeapFailure::REALLOCATIONS);
+    EXPECT_FALSE(parsed("k=" + std::string(5000, 'v'), ZQ_ERROR_NO_MEMORY));
+    EXPECT_EQ(log.take(), (std::vector<LogLine>{{7, "not enough memory for the line buffer"}}));
 }
 
 TEST(zqinifile, sets_values)

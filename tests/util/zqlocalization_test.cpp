@@ -9,6 +9,7 @@
 #include <map>
 
 #include "tests/support/expect.h"
+#include "tests/support/heap.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/scratch.h"
@@ -191,6 +192,24 @@ TEST(zqlocalization, reads_long_lines_in_pieces)
     ASSERT_TRUE(set);
     if (files.load(set, "app") == ZQ_ERROR_NONE) {
         EXPECT_EQ(translation(set, "de", (key + "more").c_str()), "b");
+    }
+}
+
+TEST(zqlocalization, a_text_may_be_too_long_for_the_memory)
+{
+    if (!heap_is_watched())
+        GTEST_SKIP();
+    Catalogues files;
+    const std::string file =
+        files.write("app", "de.po", "msgid \"a\"\n\"b\"\nmsgstr \"c\"\n\"d\"\n");
+    for (auto [nth, name] : {std::pair(1, "msgid"), {2, "msgstr"}}) {
+        Localization set(zq_localization_create());
+        LogCapture log;
+        HeapFailure failure(nth, HeapFailure::REALLOCATIONS);
+        EXPECT_EQ(files.load(set, "app"), ZQ_ERROR_NO_MEMORY + 0u);
+        EXPECT_EQ(log.take(), (Lines{{7, std::string("not enough memory to append ") + name},
+                                     {7, "unable to load po file " + file +
+                                             ", error 12 (not enough memory)"}}));
     }
 }
 

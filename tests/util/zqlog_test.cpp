@@ -339,6 +339,8 @@ TEST_F(zqlog_test, macro_needs_a_message_buffer_longer_than_its_prefix)
     EXPECT_EQ(zq_log_raw(log, 7, "123456"), 0);
     EXPECT_EQ(write_macro(log), 0);
     EXPECT_EQ(read_file(file), "12345\n123456\n" STAMP "a:1[7] text\n");
+    EXPECT_EQ(zq_log_macro(log, 9, "a", 1, "not admitted"), 0);
+    EXPECT_EQ(read_file(file), "12345\n123456\n" STAMP "a:1[7] text\n");
     // Lines dropped unformatted would have made the buffer large enough.
     renew();
     ASSERT_TRUE(log);
