@@ -78,8 +78,9 @@ ZQ_API int zq_json_fetch_int(zqjson *zqjson, int *valueptr, ...) ZQ_SENTINEL;
  * nearest that there is. The string "nan" is 0. */
 ZQ_API int zq_json_fetch_int64(zqjson *zqjson, int64_t *valueptr, ...) ZQ_SENTINEL;
 
-/* zq_json_fetch_double finds a number. True is 1, false is 0, and a string is what strtod() reads
- * at its start in the C locale. On failure *valueptr is 0. */
+/* zq_json_fetch_double finds a number, which is infinite where a double cannot hold it. True is 1,
+ * false is 0, and a string is what strtod() reads at its start in the C locale. On failure
+ * *valueptr is 0. */
 ZQ_API int zq_json_fetch_double(zqjson *zqjson, double *valueptr, ...) ZQ_SENTINEL;
 
 /* zq_json_fetch_boolean finds true, giving 1, or false, giving 0. On failure *valueptr is 0. */
