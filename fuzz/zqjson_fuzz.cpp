@@ -85,7 +85,8 @@ class Texts {
     {
         const size_t end =
             std::min(source.find_first_not_of("0123456789.", position + 1), source.size());
-        std::string number = source.substr(position, end - position);
+        // RapidJSON rounds some fractions of more than 767 digits wrongly.
+        std::string number = source.substr(position, std::min<size_t>(end - position, 767));
         position = end;
         if (is_misuse(number, at(end)))
             number = number.substr(0, 15) + "1";
@@ -111,18 +112,18 @@ class Texts {
         strict += '"';
         while (position < source.size() && source[position] != '"') {
             char c = source[position++];
-            if (c == '\\' && position < source.size()) {
+            const bool escaped = c == '\\' && position < source.size();
+            if (escaped)
                 c = source[position++];
-                if (c == 'u' && source.compare(position, 2, "00") != 0)
-                    common = false;
-                if (strchr("\"\\/bfnrtu", c))
-                    strict += '\\';
-            }
-            if (static_cast<unsigned char>(c) >= ' ') {
+            if (escaped && c == 'u' && source.compare(position, 2, "00") != 0)
+                common = false;
+            if (escaped ? strchr("\"\\/bfnrtu", c) != nullptr
+                        : static_cast<unsigned char>(c) >= ' ') {
+                strict += escaped ? "\\" : "";
                 strict += c;
             } else {
                 char escape[8];
-                snprintf(escape, sizeof(escape), "\\u%04x", c);
+                snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned char>(c));
                 strict += escape;
             }
         }
@@ -287,17 +288,20 @@ void fuzz(Input &input)
 
     Document reference;
     reference.Parse<LIKE_THE_LIBRARY>(texts.strict.c_str());
-    const bool container = reference.IsObject() || reference.IsArray();
-    const bool blank = reference.GetParseError() == rapidjson::kParseErrorDocumentEmpty;
-    if (accepted)
-        FUZZ_CHECK(blank || (container && !reference.HasParseError()));
-    else
-        FUZZ_CHECK(!container || reference.HasParseError() || !texts.common);
-    if (accepted && !blank)
-        walk(json.get(), reference);
+    const rapidjson::ParseErrorCode error = reference.GetParseError();
+    const bool container = !error && (reference.IsObject() || reference.IsArray());
+    const bool blank = error == rapidjson::kParseErrorDocumentEmpty;
+    // RapidJSON refuses what is infinite as a double.
+    const bool infinite = error == rapidjson::kParseErrorNumberTooBig;
+    FUZZ_CHECK(accepted ? container || blank || infinite : !container || !texts.common);
+    if (infinite)
+        return;
+    const Value *const root = accepted && container ? &reference : nullptr;
+    if (root)
+        walk(json.get(), *root);
     for (int count = 0; !input.empty() && count < 20; count++) {
         const JsonPath path = read_path(input);
         if (!path.empty())
-            query(json.get(), nullptr, path, accepted && !blank ? find(&reference, path) : nullptr);
+            query(json.get(), nullptr, path, root ? find(root, path) : nullptr);
     }
 }
