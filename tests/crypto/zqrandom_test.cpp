@@ -32,7 +32,7 @@ extern "C" FILE *fopen(const char *name, const char *mode)
 {
     Noise *noise = Noise::current;
     if (!noise || (strncmp(name, "/proc/", 6) != 0 && strcmp(name, "/dev/urandom") != 0))
-        return next_symbol<decltype(fopen)>("fopen")(name, mode);
+        return next_symbol<&fopen>()(name, mode);
     noise->opened.push_back(name);
     std::string &content = noise->files[name];
     return content.empty() ? nullptr : fmemopen(content.data(), content.size(), "rb");
@@ -40,7 +40,7 @@ extern "C" FILE *fopen(const char *name, const char *mode)
 
 extern "C" time_t time(time_t *out)
 {
-    return Noise::current ? stopped : next_symbol<decltype(time)>("time")(out);
+    return Noise::current ? stopped : next_symbol<&time>()(out);
 }
 
 using Random = Owned<zqrandom, zq_random_destroy>;

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "tests/support/expect.h"
+#include "tests/support/interpose.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/scratch.h"
@@ -26,7 +27,7 @@ extern "C" struct dirent *readdir(DIR *stream)
 {
     static dirent entry;
     if (!given_name)
-        return reinterpret_cast<decltype(&readdir)>(dlsym(RTLD_NEXT, "readdir"))(stream);
+        return next_symbol<&readdir>()(stream);
     snprintf(entry.d_name, sizeof(entry.d_name), "%s", given_name);
     return &entry;
 }

@@ -34,9 +34,9 @@ inline thread_local int last_poll_timeout = 0;
 
 extern "C" int poll(pollfd *fds, nfds_t count, int timeout)
 {
-    static auto *const next = next_symbol<decltype(poll)>("poll");
     last_poll_timeout = timeout;
-    return SystemCalls::make({"poll"}, [&](size_t) { return next(fds, count, timeout); });
+    return SystemCalls::make({"poll"},
+                             [&](size_t) { return next_symbol<&poll>()(fds, count, timeout); });
 }
 
 // While not empty, what every host name resolves to: addresses in this order, "unix" standing for
@@ -47,7 +47,7 @@ inline thread_local addrinfo last_hints;
 extern "C" int getaddrinfo(const char *name, const char *service, const addrinfo *hints,
                            addrinfo **list)
 {
-    static auto *const next = next_symbol<decltype(getaddrinfo)>("getaddrinfo");
+    auto *const next = next_symbol<&getaddrinfo>();
     last_hints = *hints;
     if (fake_host.empty())
         return SystemCalls::make({"getaddrinfo"},

@@ -36,7 +36,7 @@ class SkippedWaits {
 
     static int wait(pollfd *fds, nfds_t count, int timeout)
     {
-        static auto *const next = next_symbol<decltype(poll)>("poll");
+        static auto *const next = next_symbol<&poll>();
         if (!clock || timeout < 0 || left <= 0)
             return next(fds, count, timeout);
         const int ready = grace_milliseconds ? next(fds, count, grace_milliseconds) : 0;
@@ -64,12 +64,11 @@ static Fault send_fault;
 
 extern "C" ssize_t send(int sock, const void *buffer, size_t size, int flags)
 {
-    static auto *const next = next_symbol<decltype(send)>("send");
     if (const int error = flags & MSG_NOSIGNAL ? 0 : send_fault.strike(); error != 0) {
         errno = error;
         return -1;
     }
-    return next(sock, buffer, size, flags);
+    return next_symbol<&send>()(sock, buffer, size, flags);
 }
 
 // ---- helpers ----

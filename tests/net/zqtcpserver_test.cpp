@@ -19,12 +19,11 @@ static std::atomic<zqtcpserver *> stopped_by_accept{nullptr};
 
 extern "C" int accept(int fd, sockaddr *address, socklen_t *size)
 {
-    static auto *const next = next_symbol<decltype(accept)>("accept");
     if (int error = accept_fault.strike()) {
         errno = error;
         return -1;
     }
-    int result = next(fd, address, size);
+    int result = next_symbol<&accept>()(fd, address, size);
     if (zqtcpserver *server = stopped_by_accept.exchange(nullptr))
         zq_tcpserver_stop(server);
     return result;

@@ -33,10 +33,10 @@ int FakeClock::reads()
 
 extern "C" int gettimeofday(timeval *time, void *zone) noexcept
 {
-    static auto *const next = next_symbol<decltype(gettimeofday)>("gettimeofday");
     if (!faked)
-        return next(time, zone);
+        return next_symbol<&gettimeofday>()(time, zone);
     read_count++;
-    *time = {fake_time / 1000000, fake_time % 1000000};
+    *time = {static_cast<time_t>(fake_time / 1000000),
+             static_cast<suseconds_t>(fake_time % 1000000)};
     return 0;
 }

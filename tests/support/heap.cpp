@@ -46,20 +46,17 @@ static bool next_fails(HeapFailure::Calls calls = HeapFailure::ALLOCATIONS)
 
 extern "C" void *malloc(size_t size)
 {
-    static auto *real = next_symbol<void *(size_t)>("malloc");
-    return next_fails() ? nullptr : real(size);
+    return next_fails() ? nullptr : next_symbol<&malloc>()(size);
 }
 
 extern "C" void *calloc(size_t count, size_t size)
 {
-    static auto *real = next_symbol<void *(size_t, size_t)>("calloc");
-    return next_fails() ? nullptr : real(count, size);
+    return next_fails() ? nullptr : next_symbol<&calloc>()(count, size);
 }
 
 extern "C" void *realloc(void *block, size_t size)
 {
-    static auto *real = next_symbol<void *(void *, size_t)>("realloc");
-    return next_fails(HeapFailure::REALLOCATIONS) ? nullptr : real(block, size);
+    return next_fails(HeapFailure::REALLOCATIONS) ? nullptr : next_symbol<&realloc>()(block, size);
 }
 
 #endif

@@ -4,11 +4,17 @@
 #include <atomic>
 #include <dlfcn.h>
 
-// The function that a test program's own definition of the same name stands in front of.
-template <class F>
-F *next_symbol(const char *name)
+// The function that a test program's own definition stands in front of. It is looked up by the name
+// that the linker knows, such as __time64 for time() where times have 64 bits by choice.
+template <auto *own>
+auto *next_symbol()
 {
-    return reinterpret_cast<F *>(dlsym(RTLD_NEXT, name));
+    static const auto next = [] {
+        Dl_info info = {};
+        dladdr(reinterpret_cast<const void *>(own), &info);
+        return reinterpret_cast<decltype(own)>(dlsym(RTLD_NEXT, info.dli_sname));
+    }();
+    return next;
 }
 
 // Makes one call of an interposed function fail.

@@ -221,9 +221,9 @@ inline int SystemCalls::decided(SystemCall call)
 #define DEFINE_SYSTEM_CALL(type, name, parameters, path, size, arguments, ...)                     \
     extern "C" type name parameters __VA_ARGS__                                                    \
     {                                                                                              \
-        static auto *const next = next_symbol<type parameters>(#name);                             \
-        return SystemCalls::make({#name, path, size},                                              \
-                                 [&]([[maybe_unused]] size_t length) { return next arguments; });  \
+        return SystemCalls::make({#name, path, size}, [&]([[maybe_unused]] size_t length) {        \
+            return next_symbol<&name>() arguments;                                                 \
+        });                                                                                        \
     }
 
 DEFINE_SYSTEM_CALL(int, close, (int fd), "", 0, (fd))
@@ -263,25 +263,24 @@ DEFINE_SYSTEM_CALL(ssize_t, write, (int fd, const void *from, size_t size), "", 
 
 extern "C" int fcntl(int fd, int command, ...)
 {
-    static auto *const next = next_symbol<decltype(fcntl)>("fcntl");
     READ_OPTIONAL(void *, argument, command);
-    return SystemCalls::make({"fcntl"}, [&](size_t) { return next(fd, command, argument); });
+    return SystemCalls::make({"fcntl"},
+                             [&](size_t) { return next_symbol<&fcntl>()(fd, command, argument); });
 }
 
 extern "C" int open(const char *path, int flags, ...)
 {
-    static auto *const next = next_symbol<decltype(open)>("open");
     READ_OPTIONAL(unsigned int, mode, flags);
     return SystemCalls::make({"open", path, 0, flags},
-                             [&](size_t) { return next(path, flags, mode); });
+                             [&](size_t) { return next_symbol<&open>()(path, flags, mode); });
 }
 
 extern "C" int openat(int directory, const char *path, int flags, ...)
 {
-    static auto *const next = next_symbol<decltype(openat)>("openat");
     READ_OPTIONAL(unsigned int, mode, flags);
-    return SystemCalls::make({"openat", path, 0, flags},
-                             [&](size_t) { return next(directory, path, flags, mode); });
+    return SystemCalls::make({"openat", path, 0, flags}, [&](size_t) {
+        return next_symbol<&openat>()(directory, path, flags, mode);
+    });
 }
 
 // ---- streams over the calls above ----
@@ -313,9 +312,8 @@ inline int seek_to(void *cookie, off64_t *position, int whence)
 
 extern "C" FILE *fopen(const char *__restrict path, const char *__restrict mode)
 {
-    static auto *const next = next_symbol<FILE *(const char *, const char *)>("fopen");
     if (!SystemCalls::watched())
-        return next(path, mode);
+        return next_symbol<&fopen>()(path, mode);
     int flags = *mode == 'r' ? 0 : *mode == 'w' ? O_CREAT | O_TRUNC : O_CREAT | O_APPEND;
     flags |= strchr(mode, '+') ? O_RDWR : *mode == 'r' ? O_RDONLY : O_WRONLY;
     const int fd = open(path, strchr(mode, 'e') ? flags | O_CLOEXEC : flags, 0666);

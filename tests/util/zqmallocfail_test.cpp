@@ -30,8 +30,7 @@ static std::atomic<bool> unbuffered_streams;
 
 extern "C" FILE *fopen(const char *name, const char *mode)
 {
-    static auto *const real = next_symbol<FILE *(const char *, const char *)>("fopen");
-    FILE *stream = real(name, mode);
+    FILE *stream = next_symbol<&fopen>()(name, mode);
     if (stream && unbuffered_streams)
         setvbuf(stream, nullptr, _IONBF, 0);
     return stream;

@@ -11,10 +11,9 @@ static Fault signal_fault;
 
 extern "C" sighandler_t signal(int number, sighandler_t handler) noexcept
 {
-    static auto *const next = next_symbol<decltype(signal)>("signal");
     int error = signal_fault.strike();
     if (error == 0)
-        return next(number, handler);
+        return next_symbol<&signal>()(number, handler);
     errno = error;
     return SIG_ERR;
 }

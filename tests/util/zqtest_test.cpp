@@ -13,7 +13,7 @@ static time_t stamp_clock = -1;
 
 extern "C" time_t time(time_t *out)
 {
-    return stamp_clock < 0 ? next_symbol<decltype(time)>("time")(out) : stamp_clock;
+    return stamp_clock < 0 ? next_symbol<&time>()(out) : stamp_clock;
 }
 
 using Suite = Owned<zqtest, zq_test_destroy>;

@@ -21,25 +21,22 @@ static Fault join_fault, mutex_fault, rwlock_fault;
 
 extern "C" int pthread_join(pthread_t thread, void **result)
 {
-    static auto *const next = next_symbol<decltype(pthread_join)>("pthread_join");
     int error = join_fault.strike();
-    return error ? error : next(thread, result);
+    return error ? error : next_symbol<&pthread_join>()(thread, result);
 }
 
 extern "C" int pthread_mutex_init(pthread_mutex_t *mutex,
                                   const pthread_mutexattr_t *attributes) noexcept
 {
-    static auto *const next = next_symbol<decltype(pthread_mutex_init)>("pthread_mutex_init");
     int error = mutex_fault.strike();
-    return error ? error : next(mutex, attributes);
+    return error ? error : next_symbol<&pthread_mutex_init>()(mutex, attributes);
 }
 
 extern "C" int pthread_rwlock_init(pthread_rwlock_t *rwlock,
                                    const pthread_rwlockattr_t *attributes) noexcept
 {
-    static auto *const next = next_symbol<decltype(pthread_rwlock_init)>("pthread_rwlock_init");
     int error = rwlock_fault.strike();
-    return error ? error : next(rwlock, attributes);
+    return error ? error : next_symbol<&pthread_rwlock_init>()(rwlock, attributes);
 }
 
 // ---- threads ----

@@ -12,7 +12,7 @@ static int opened_files;
 extern "C" FILE *fopen(const char *name, const char *mode)
 {
     opened_files++;
-    return next_symbol<decltype(fopen)>("fopen")(name, mode);
+    return next_symbol<&fopen>()(name, mode);
 }
 
 using Uuid = Owned<zquuid, zq_uuid_destroy>;
