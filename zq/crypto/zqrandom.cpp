@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <cstring>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include "zq/crypto/zqsha256.h"
 #include "zq/internal/zqassert.h"
+#include "zq/internal/zqclock.h"
 #include "zq/internal/zqlogline.h"
 #include "zq/internal/zqowned.h"
 #include "zq/io/zqfile.h"
@@ -68,6 +68,17 @@ static void zq_random_add_buffer(zqrandom *instance, const void *buffer, size_t 
     }
 }
 
+// The least significant byte first, so that the same noise gives the same stream on every machine.
+static void zq_random_add_number(zqrandom *instance, int64_t value)
+{
+    unsigned char bytes[sizeof(value)];
+    for (unsigned char &byte : bytes) {
+        byte = static_cast<unsigned char>(value);
+        value >>= 8;
+    }
+    zq_random_add_buffer(instance, bytes, sizeof(bytes));
+}
+
 // Adds at most `limit` bytes of a file. Returns -1 when it cannot be opened.
 static int zq_random_add_file(zqrandom *instance, const char *name, size_t limit)
 {
@@ -89,18 +100,15 @@ static int zq_random_add_file(zqrandom *instance, const char *name, size_t limit
 static void zq_random_get_light_noise(zqrandom *instance)
 {
     zq_random_add_file(instance, "/dev/urandom", URANDOM_LIMIT);
-    const int64_t now = zq_time(nullptr);
-    zq_random_add_buffer(instance, &now, sizeof(now));
+    zq_random_add_number(instance, zq_time(nullptr));
     static constexpr const char *names[] = {"/proc/interrupts",   "/proc/meminfo",
                                             "/proc/net/rt_cache", "/proc/sched_debug",
                                             "/proc/self/sched",   "/proc/timer_list"};
     for (const char *name : names)
         zq_random_add_file(instance, name, PROC_LIMIT);
-    struct timeval timeofday;
-    if (gettimeofday(&timeofday, nullptr) == 0) {
-        const int64_t pair[2] = {timeofday.tv_sec, timeofday.tv_usec};
-        zq_random_add_buffer(instance, pair, sizeof(pair));
-    }
+    const timeval now = clock_now();
+    zq_random_add_number(instance, now.tv_sec);
+    zq_random_add_number(instance, now.tv_usec);
     zq_random_hash(instance);
     instance->pid = getpid();
 }
