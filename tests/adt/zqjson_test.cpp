@@ -158,7 +158,7 @@ static void expect(int (*fetch)(zqjson *, T *, ...), const Json &json, const cha
 {
     T value = 5;
     EXPECT_EQ(fetch(json.get(), &value, name, NULL), expected == NONE ? -1 : 0) << name;
-    EXPECT_EQ(value, expected == NONE ? 0 : expected) << name;
+    EXPECT_EQ(static_cast<double>(value), expected == NONE ? 0 : expected) << name;
 }
 
 TEST(zqjson, typed_fetches)
@@ -250,13 +250,14 @@ TEST(zqjson, paths)
 TEST(zqjson, fractions_are_those_of_strtod)
 {
     std::mt19937_64 random(3);
+    auto below = [&](size_t limit) { return static_cast<size_t>(random() % limit); };
     for (int i = 0; i < (faults_injected() ? 20 : 5000); i++) {
         // Up to about the digits that a double needs, and at times many more.
         std::string number(i % 2 ? "-" : "");
         if (i % 50 == 0)
-            number.append(1 + random() % 400, '9');
+            number.append(1 + below(400), '9');
         number.append(std::to_string(random() >> random() % 64 | 1)).append(1, '.');
-        for (size_t digits = random() % 20 + 1; digits > 0; digits--)
+        for (size_t digits = below(20) + 1; digits > 0; digits--)
             number += static_cast<char>('0' + random() % 10);
         Json json = parsed("{\"n\":" + number + "}");
         ASSERT_TRUE(json) << number;

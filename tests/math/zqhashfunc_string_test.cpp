@@ -23,9 +23,8 @@ static unsigned long hash_plainly(const std::string &text)
 TEST(zqhashfunc_string, hashes_every_length_and_byte)
 {
     EXPECT_EQ(zq_hashfunc_string("\xff"), 0xffu);
-    if (WIDTH == 8) {
-        EXPECT_EQ(zq_hashfunc_string("abcdefgh"), static_cast<unsigned long>(0x2c4c6c8caccced0c));
-    }
+    EXPECT_EQ(zq_hashfunc_string("abcdefgh"),
+              static_cast<unsigned long>(WIDTH == 8 ? 0x2c4c6c8caccced0c : 0x25417c89));
     // Each string ends where its block does, so that a sanitizer sees a byte read beyond it.
     std::mt19937 random(5);
     for (size_t i = 0; i < 1400; i++) {

@@ -71,6 +71,8 @@ TEST(zqconvert, halves_go_away_from_zero)
     for (const auto &[value, rounded] : rows) {
         EXPECT_EQ(zq_convert_i64_from_double_round(value), rounded) << value;
         EXPECT_EQ(zq_convert_i64_from_double_round(-value), -rounded) << value;
+        if (rounded > LONG_MAX)
+            continue;
         EXPECT_EQ(zq_convert_long_from_double_round(value), rounded) << value;
         EXPECT_EQ(zq_convert_long_from_double_round(-value), -rounded) << value;
     }

@@ -234,7 +234,7 @@ static int zq_getopt_store_int(const getopt_option *option, const char *optionna
 
     // Text after the number, and text without one, are accepted: meant, "12abc" gives 12.
     errno = 0;
-    const int64_t number = strtol(value, nullptr, 10);
+    const int64_t number = strtoll(value, nullptr, 10);
     const int error = errno;
     const char *problem = nullptr;
     if (number > INT_MAX)
