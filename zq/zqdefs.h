@@ -7,6 +7,11 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* A 32-bit glibc has two kinds of time_t; the library is built with the one of 64 bits. */
+#if defined(__TIMESIZE) && __TIMESIZE == 32 && !defined(__USE_TIME_BITS64)
+#error "libzq needs -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64"
+#endif
+
 #ifdef __cplusplus
 #define ZQ_BEGIN_DECLS extern "C" {
 #define ZQ_END_DECLS }

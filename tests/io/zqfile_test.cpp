@@ -33,7 +33,7 @@ extern "C" int fseek(FILE *file, long offset, int whence)
 {
     SeekRecord *record = SeekRecord::current;
     if (!record)
-        return next_symbol<decltype(fseek)>("fseek")(file, offset, whence);
+        return next_symbol<&fseek>()(file, offset, whence);
     record->seen.emplace_back(offset, whence);
     return record->seen.size() == record->failing ? -1 : 0;
 }
@@ -130,7 +130,7 @@ TEST(zqfile, takes_long_ways_in_steps_of_a_long)
         SeekRecord record;
         EXPECT_EQ(zq_file_seek_forwards_64(file.get(), 0), 0);
         EXPECT_EQ(zq_file_seek_forwards_64(file.get(), half), 0);
-        EXPECT_EQ(zq_file_seek_forwards_64(file.get(), UINT64_MAX), 0);
+        EXPECT_EQ(zq_file_seek_forwards_64(file.get(), 2 * half + 1), 0);
         EXPECT_EQ(
             record.seen,
             (Steps{
@@ -139,16 +139,35 @@ TEST(zqfile, takes_long_ways_in_steps_of_a_long)
     {
         SeekRecord record;
         EXPECT_EQ(zq_file_seek_backwards_64(file.get(), half), 0);
-        EXPECT_EQ(zq_file_seek_backwards_64(file.get(), UINT64_MAX), 0);
-        EXPECT_EQ(zq_file_seek64(file.get(), INT64_MIN, SEEK_CUR), 0);
+        EXPECT_EQ(zq_file_seek_backwards_64(file.get(), 2 * half + 1), 0);
+        EXPECT_EQ(zq_file_seek64(file.get(), LONG_MIN, SEEK_CUR), 0);
         EXPECT_EQ(record.seen, (Steps{{-LONG_MAX, SEEK_CUR},
                                       {LONG_MIN, SEEK_CUR},
                                       {-LONG_MAX, SEEK_CUR},
                                       {LONG_MIN, SEEK_CUR}}));
     }
     SeekRecord record(2);
-    EXPECT_EQ(zq_file_seek_forwards_64(file.get(), UINT64_MAX), -1);
+    EXPECT_EQ(zq_file_seek_forwards_64(file.get(), 2 * half + 1), -1);
     EXPECT_EQ(record.seen.size(), 2u);
+}
+
+TEST(zqfile, works_beyond_32_bits)
+{
+    Scratch scratch;
+    const std::string name = scratch.write("f", "");
+    EXPECT_EQ(zq_truncate(name.c_str(), 5'000'000'000), 0);
+    EXPECT_EQ(zq_file_exists(name.c_str()), 1);
+    Stream file(zq_file_update_binary(name.c_str()));
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(zq_file_seek64(file.get(), 6'000'000'000, SEEK_SET), 0);
+    EXPECT_EQ(zq_file_write(file.get(), "01", 2), 2u);
+    EXPECT_EQ(zq_file_get_length(file.get()), 6'000'000'002);
+    EXPECT_EQ(zq_file_seek64(file.get(), -4'294'967'296, SEEK_CUR), 0);
+    EXPECT_EQ(ftello(file.get()), 1'705'032'706);
+    EXPECT_EQ(zq_file_seek64(file.get(), 4'294'967'295, SEEK_CUR), 0);
+    char last[2] = "";
+    EXPECT_EQ(zq_file_read(file.get(), last, 2), 1u);
+    EXPECT_STREQ(last, "1");
 }
 
 TEST(zqfile, notices_streams_that_cannot_seek)

@@ -20,7 +20,7 @@ FILE *whole_file_open(const char *filename)
 static char *whole_file_read(FILE *file, size_t *lenptr)
 {
     // A file whose end cannot be found would pass for an empty one.
-    long end = fseek(file, 0, SEEK_END) == 0 ? ftell(file) : -1;
+    off_t end = fseek(file, 0, SEEK_END) == 0 ? ftello(file) : -1;
     if (end < 0)
         return nullptr;
     if (static_cast<uint64_t>(end) >= PTRDIFF_MAX) {

@@ -159,7 +159,7 @@ int64_t zq_file_get_length(FILE *file)
         return -1;
     if (fseek(file, 0, SEEK_END) != 0)
         return -1;
-    long length = ftell(file);
+    off_t length = ftello(file);
     if (fsetpos(file, &position) != 0)
         return -1;
     return length;

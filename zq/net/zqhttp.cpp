@@ -936,7 +936,7 @@ static zqerror zq_http_store_in_memory(zqhttp *zqhttp, const void *data, size_t 
     return ZQ_ERROR_NONE;
 }
 
-static zqerror zq_http_count_download(zqhttp *zqhttp, size_t size)
+static zqerror zq_http_count_download(zqhttp *zqhttp, uint64_t size)
 {
     if (size > INT64_MAX) {
         ZQ_LOG(6, "The data size is so large that it doesn't fit in a 64-bit signed integer");

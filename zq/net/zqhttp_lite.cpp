@@ -504,6 +504,12 @@ static uint64_t zq_http_lite_get_body_length(zqhttp *zqhttp)
     return static_cast<uint64_t>(length);
 }
 
+// As much of what remains as `available` allows.
+static size_t zq_http_lite_piece(uint64_t remaining, size_t available)
+{
+    return remaining < available ? static_cast<size_t>(remaining) : available;
+}
+
 // Reads a piece of the body into the empty buffer. Where the stream ends nothing remains, whatever
 // length was announced.
 static zqerror zq_http_lite_read_piece(zqhttp *zqhttp, http_lite *http, uint64_t *remaining)
@@ -524,7 +530,7 @@ static zqerror zq_http_lite_read_piece(zqhttp *zqhttp, http_lite *http, uint64_t
     zq_http_timeout_reset(zqhttp, &seconds, &microseconds);
     zq_handle_set_read_timeout(http->zqhandle, seconds, microseconds);
 
-    const size_t size = *remaining < http->bufferlen ? *remaining : http->bufferlen;
+    const size_t size = zq_http_lite_piece(*remaining, http->bufferlen);
     http->bufferuse = zq_handle_read(http->zqhandle, http->buffer, size);
     if (http->bufferuse > 0)
         zq_http_reset_idle_timeout(zqhttp);
@@ -546,7 +552,7 @@ static zqerror zq_http_lite_read_piece(zqhttp *zqhttp, http_lite *http, uint64_t
 static zqerror zq_http_lite_deliver_piece(zqhttp *zqhttp, http_lite *http, uint64_t *remaining)
 {
     const size_t available = http->bufferuse - http->bufferpos;
-    const size_t size = *remaining < available ? *remaining : available;
+    const size_t size = zq_http_lite_piece(*remaining, available);
     zq_http_reset_idle_timeout(zqhttp);
     const zqerror result =
         zq_http_write_response_body(zqhttp, http->buffer + http->bufferpos, size);
