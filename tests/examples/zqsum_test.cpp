@@ -134,10 +134,11 @@ static std::string run_on_terminal(const Words &command)
     pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
     if (child == 0) {
         std::vector<char *> argv;
-        for (const std::string &word : command)
+        const Words words = runnable(command);
+        for (const std::string &word : words)
             argv.push_back(const_cast<char *>(word.c_str()));
         argv.push_back(nullptr);
-        execv(argv[0], argv.data());
+        execvp(argv[0], argv.data());
         _exit(127);
     }
     std::string text;

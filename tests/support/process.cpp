@@ -1,5 +1,6 @@
 #include "tests/support/process.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <csignal>
 #include <cstdio>
@@ -7,6 +8,8 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <sstream>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,14 +17,26 @@
 #include "tests/support/expect.h"
 #include "tests/support/scratch.h"
 
+std::vector<std::string> runnable(std::vector<std::string> command)
+{
+    std::istringstream emulator(ZQ_TEST_EMULATOR);
+    auto program = std::find_if(command.begin(), command.end(), [](const std::string &word) {
+        return word.starts_with(ZQ_TEST_BINARY "/");
+    });
+    if (program != command.end())
+        command.insert(program, std::istream_iterator<std::string>(emulator), {});
+    return command;
+}
+
 static pid_t start(const std::vector<std::string> &command, const std::string &in,
                    const std::string &out, const std::string &err)
 {
     pid_t child = fork();
     if (child != 0)
         return child;
+    const std::vector<std::string> words = runnable(command);
     std::vector<char *> arguments;
-    for (const std::string &word : command)
+    for (const std::string &word : words)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
     const int flags = O_WRONLY | O_CREAT | O_APPEND;

@@ -7,6 +7,10 @@
 #include <sys/types.h>
 #include <vector>
 
+// The command as this machine can run it: a program of this build that is for another machine goes
+// through the emulator, also when another program such as env starts it.
+std::vector<std::string> runnable(std::vector<std::string> command);
+
 // Runs a program to its end.
 struct Outcome {
     int status; // exit status, or 128 plus the signal that ended it
