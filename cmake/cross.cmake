@@ -19,14 +19,16 @@ file(GLOB libraries ${CMAKE_SYSROOT}/usr/lib/*-linux-gnu)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CMAKE_SYSROOT})
 set(ENV{PKG_CONFIG_LIBDIR} ${libraries}/pkgconfig)
 
-# An x86-64 kernel runs programs for i386 as they are, when they find the loader.
-if(ZQ_CROSS STREQUAL "i386" AND CMAKE_HOST_SYSTEM_PROCESSOR STREQUAL "x86_64")
-  cmake_path(GET libraries FILENAME multiarch)
-  set(CMAKE_EXE_LINKER_FLAGS_INIT
-    "-Wl,--dynamic-linker=${CMAKE_SYSROOT}/lib/ld-linux.so.2,--disable-new-dtags,-rpath,${libraries}:${CMAKE_SYSROOT}/lib/${multiarch}")
-else()
+# Loader and libraries come from the sysroot too, and nothing else does when the programs run.
+file(GLOB loader ${CMAKE_SYSROOT}/lib/ld*.so.[12])
+cmake_path(GET libraries FILENAME multiarch)
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--dynamic-linker=${loader},--disable-new-dtags,\
+-rpath,${libraries}:${CMAKE_SYSROOT}/lib/${multiarch}")
+
+# An x86-64 kernel runs programs for i386 itself.
+if(NOT (ZQ_CROSS STREQUAL "i386" AND CMAKE_HOST_SYSTEM_PROCESSOR STREQUAL "x86_64"))
   set(emulator_i386 i386)
   set(emulator_arm64 aarch64)
   set(emulator_s390x s390x)
-  set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${emulator_${ZQ_CROSS}}-static -L ${CMAKE_SYSROOT})
+  set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${emulator_${ZQ_CROSS}}-static)
 endif()
