@@ -1,10 +1,7 @@
 #include "zq/net/zqicap.h"
 
-#include <functional>
-#include <gtest/gtest.h>
-#include <vector>
-
-#include "tests/support/expect.h"
+#include "tests/net/libc_faults.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/faults.h"
 #include "tests/support/heap.h"
 #include "tests/support/scripted_server.h"
@@ -372,6 +369,87 @@ TEST(zqicap, parts_and_urls_that_cannot_be_used)
                   "zq_icap_http_part_has_chunked_transfer", "part != NULL");
 }
 
+// ---- failures of the system ----
+
+namespace {
+// A client told what to send to a server that answers with the body "a".
+struct Prepared {
+    static inline Parts parts;
+
+    Prepared()
+    {
+        zq_signal_ignore_sigpipe();
+        recv_waits = true;
+        const std::string url = "icap://127.0.0.1:" + std::to_string(server.port());
+        zq_icap_set_url(icap.get(), url.c_str());
+        prepare(icap.get(), given);
+    }
+    ~Prepared() { recv_waits = false; }
+
+    ScriptedServer server{reply("res-hdr=0, res-body=3", "abc1\r\na\r\n0\r\n\r\n")};
+    Parts given = parts;
+    Icap icap{zq_icap_create()};
+};
+} // namespace
+
+// Each call fails in each way, but for connect(): a TCP handle asserts that it does not fail at
+// once. `sends` are the ends of what is logged of a failing send, by its number.
+static void expect_exchanges(const Parts &parts, const std::vector<std::string> &sends,
+                             const std::string &request, const std::string &body)
+{
+    Prepared::parts = parts;
+    walk_system_faults<Prepared>(
+        [](Prepared &world) { return zq_icap_perform(world.icap.get()); },
+        [&](Prepared &world, const SystemFault &fault, zqerror result, const Lines &lines) {
+            if (!expect_exchange(fault, result, lines, sends))
+                return;
+            EXPECT_EQ(body_of(world.icap.get()), body);
+            EXPECT_TRUE(world.server.request().ends_with(request));
+        },
+        {.left_out = {"connect"}});
+}
+
+TEST(zqicap, calls_of_the_system_may_fail_anywhere)
+{
+    const std::string length = "[7] unable to send chunk length, error %; ";
+    const std::string data = "[7] unable to send chunk data, error %; ";
+    const std::string chunk = "[7] unable to send chunk, error %";
+    const std::string part = "[7] unable to send encapsulated part, error %";
+    const std::string end = "[7] unable to send the chunk end, error %";
+    const std::string request = "4\r\nbody\r\n0\r\n\r\n";
+    expect_exchanges({RESPMOD, "", reshdr, "", "body"},
+                     {"bytes written", part, length + chunk, data + chunk, end}, request, "a");
+    expect_exchanges({REQMOD, reqhdr, "", "", "", {"body"}},
+                     {"bytes written", part, length + part, data + part, end}, request, "a");
+    expect_exchanges({REQMOD, chunked, "", "", "", {"body"}}, {"bytes written", part, part},
+                     chunked + "body", "1\r\na\r\n0\r\n\r\n0\r\n\r\n");
+}
+
+// The clock moves on by a second with each look at it: the n-th look finds n seconds over.
+TEST(zqicap, time_may_be_over_anywhere)
+{
+    if (faults_injected())
+        return;
+    std::set<std::string> found;
+    Prepared::parts = {RESPMOD, "", reshdr, "", "body"};
+    for (int32_t seconds = 0; seconds < 100; seconds++) {
+        Prepared world;
+        FakeClock clock;
+        LogCapture log(8);
+        clock.advance_with_each_read(1000000);
+        zq_icap_set_timeout(world.icap.get(), seconds, 0);
+        const zqerror result = zq_icap_perform(world.icap.get());
+        const std::string lines = joined(log.take());
+        EXPECT_EQ(result, lines.empty() ? 0u : ZQ_ERROR_TIMED_OUT + 0u);
+        found.insert(lines);
+    }
+    const std::string over = "[7] a timeout occurred";
+    EXPECT_EQ(found, (std::set<std::string>{"", over, over + "; [6] unable to read icap header",
+                                            over + "; [6] unable to read encapsulated chunked body",
+                                            "[7] unable to read ICAP result code, error " +
+                                                code_text(201)}));
+}
+
 // ---- lack of memory ----
 
 // The blocks that grow with the reply are reallocated.
@@ -399,6 +477,29 @@ TEST(zqicap, a_reply_may_find_no_room_to_grow)
             (expected.size() == 2 ? "; [6] unable to read icap header"
                                   : "; [6] unable to read encapsulated chunked body"));
     EXPECT_EQ(failures, expected);
+}
+
+// A server that stops reading makes the client take the reply while it sends.
+TEST(zqicap, an_early_reply_may_find_no_room)
+{
+    if (!heap_is_watched())
+        return;
+    Prepared::parts = {RESPMOD, "", reshdr, "", "body"};
+    std::set<std::string> found;
+    for (const long nth : {1, 2}) { // the first may be one of libc
+        Prepared world;
+        LogCapture log(8);
+        SystemCalls calls([](const SystemCall &call) {
+            return call.name == "send" && call.nth == 3   ? EAGAIN
+                   : call.name == "poll" && call.nth == 2 ? NOTHING
+                                                          : PASS;
+        });
+        HeapFailure failure(nth, HeapFailure::REALLOCATIONS);
+        zq_icap_perform(world.icap.get());
+        found.insert(joined(log.take()));
+    }
+    EXPECT_TRUE(found.contains("[7] unable to send chunk length, error " + no_memory +
+                               "; [7] unable to send chunk, error " + no_memory));
 }
 
 TEST(zqicap, lines_without_memory)

@@ -14,6 +14,8 @@ class FakeClock {
 
     // Negative microseconds set it back.
     void advance(int64_t microseconds);
+    // Lets each read from now on find it so much later.
+    void advance_with_each_read(int64_t microseconds);
     // How often it was read since the last call.
     int reads();
 };

@@ -34,8 +34,4 @@ class Fault {
     std::atomic<int> left{0};
 };
 
-// For the calls of the program to these.
-extern Fault pthread_create_fault;
-extern Fault pthread_cond_init_fault;
-
 #endif

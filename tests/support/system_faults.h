@@ -20,6 +20,7 @@
 #include <mutex>
 #include <netdb.h>
 #include <ostream>
+#include <set>
 #include <string>
 #include <sys/stat.h>
 #include <type_traits>
@@ -81,6 +82,11 @@ inline const std::map<std::string, std::vector<int>> manual_errors = {
     {"opendir", {EACCES, EMFILE, ENFILE, ENOENT, ENOMEM, ENOTDIR}},
     {"pipe", {EFAULT, EINVAL, EMFILE, ENFILE}},
     {"poll", {EFAULT, EINTR, EINVAL, ENOMEM}},
+    {"pthread_cond_init", {EAGAIN, ENOMEM}},
+    {"pthread_create", {EAGAIN, EINVAL, EPERM}},
+    {"pthread_join", {EDEADLK, EINVAL, ESRCH}},
+    {"pthread_mutex_init", {EAGAIN, ENOMEM, EPERM}},
+    {"pthread_rwlock_init", {EAGAIN, ENOMEM, EPERM}},
     {"read", {EAGAIN, EBADF, EFAULT, EINTR, EINVAL, EIO, EISDIR}},
     {"readdir", {EBADF, EFAULT, EINVAL, ENOENT, ENOTDIR}}, // those of getdents(), too
     {"recv",
@@ -146,6 +152,8 @@ class SystemCalls {
     // Whether the calls of this thread are noted.
     static bool watched() { return !ignoring && (of_thread || of_process); }
 
+    static int outcome_of(SystemCall call) { return watched() ? decided(std::move(call)) : PASS; }
+
     // What an interposed function comes to; `real` makes the call with a number of bytes.
     template <class Real>
     static auto make(SystemCall call, Real real) -> decltype(real(size_t()))
@@ -153,7 +161,7 @@ class SystemCalls {
         using Result = decltype(real(size_t()));
         const size_t size = call.size;
         const bool closes = call.name.starts_with("close"); // which frees, also when it fails
-        const int outcome = watched() ? decided(std::move(call)) : PASS;
+        const int outcome = outcome_of(std::move(call));
         if (outcome == PASS || outcome == SHORT)
             return real(outcome == SHORT ? size / 2 : size);
         if (closes)
@@ -213,6 +221,14 @@ inline int SystemCalls::decided(SystemCall call)
     const int outcome = calls->decide ? calls->decide(call) : PASS;
     errno = error;
     return outcome;
+}
+
+// Lets one call of the name come to the outcome.
+inline SystemCalls::Decision failing(const std::string &name, int outcome, size_t nth = 1)
+{
+    return [=](const SystemCall &call) {
+        return call.name == name && call.nth == nth ? outcome : PASS;
+    };
 }
 
 // ---- the calls ----
@@ -351,10 +367,19 @@ inline std::vector<int> outcomes_of(const SystemCall &call)
     return outcomes;
 }
 
+// How a scenario is walked.
+struct SystemWalk {
+    SystemCalls::Scope scope = SystemCalls::THREAD;
+    bool lasting = true;                 // with lasting faults, too
+    std::set<std::string> left_out = {}; // calls that never fail
+};
+
 // What the call comes to under the fault, whose call is known by name and turn: others may come and
 // go between.
-inline int outcome_under(const SystemFault &fault, const SystemCall &call)
+inline int outcome_under(const SystemFault &fault, const SystemCall &call, const SystemWalk &walk)
 {
+    if (walk.left_out.contains(call.name))
+        return PASS;
     const bool meant = fault.lasting ? call.number >= fault.call.number
                                      : call.name == fault.call.name && call.nth == fault.call.nth;
     return meant ? fault.outcome : PASS;
@@ -365,14 +390,14 @@ inline int outcome_under(const SystemFault &fault, const SystemCall &call)
 // calls made.
 template <class World, class Scenario, class Check>
 std::vector<SystemCall> run_system_fault(SystemFault fault, Scenario scenario, Check check,
-                                         SystemCalls::Scope scope = SystemCalls::THREAD)
+                                         const SystemWalk &walk = {})
 {
     testing::ScopedTrace trace(__FILE__, __LINE__, testing::Message() << fault);
     const size_t open = open_descriptors();
     std::vector<SystemCall> seen;
     bool struck = fault.outcome == PASS;
     auto decide = [&](const SystemCall &call) {
-        const int outcome = outcome_under(fault, call);
+        const int outcome = outcome_under(fault, call, walk);
         if (!struck && outcome != PASS)
             fault.call = call;
         struck = struck || outcome != PASS;
@@ -382,7 +407,7 @@ std::vector<SystemCall> run_system_fault(SystemFault fault, Scenario scenario, C
         World world;
         LogCapture log(13);
         auto watched = [&] {
-            SystemCalls calls(decide, scope);
+            SystemCalls calls(decide, walk.scope);
             auto result = scenario(world);
             seen = std::move(calls.seen);
             return result;
@@ -396,20 +421,22 @@ std::vector<SystemCall> run_system_fault(SystemFault fault, Scenario scenario, C
 }
 
 // Runs a scenario as ever, then with each of the calls that it made coming to each of its outcomes,
-// once, and then with each of them and all behind it failing.
+// once, and then, if wanted, with each of them and all behind it failing.
 template <class World, class Scenario, class Check>
-void walk_system_faults(Scenario scenario, Check check,
-                        SystemCalls::Scope scope = SystemCalls::THREAD)
+void walk_system_faults(Scenario scenario, Check check, const SystemWalk &walk = {})
 {
     if (faults_injected()) // which makes calls of its own
         return;
     auto run = [&](const SystemFault &fault) {
-        return run_system_fault<World>(fault, scenario, check, scope);
+        return run_system_fault<World>(fault, scenario, check, walk);
     };
     for (const SystemCall &call : run({})) {
+        if (walk.left_out.contains(call.name))
+            continue;
         for (const int outcome : outcomes_of(call))
             run({call, outcome});
-        run({call, EIO, true});
+        if (walk.lasting)
+            run({call, EIO, true});
     }
 }
 

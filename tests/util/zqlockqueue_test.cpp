@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tests/support/expect.h"
-#include "tests/support/interpose.h"
+#include "tests/support/thread_faults.h"
 
 static void destroy_queue(zqlockqueue *queue)
 {
@@ -116,10 +116,11 @@ TEST(zqlockqueue, destroy_hands_out_what_is_left_in_order)
 TEST(zqlockqueue, create_tells_why_it_failed)
 {
     zqerror error = 999;
-    pthread_cond_init_fault.arm(ENOMEM);
-    EXPECT_EQ(zq_lockqueue_create(&error), nullptr);
-    EXPECT_TRUE(error == 202u || (faults_injected() && error == 12u));
-    pthread_cond_init_fault.arm(0, 0);
+    for (const char *call : {"pthread_mutex_init", "pthread_cond_init"}) {
+        SystemCalls calls(failing(call, ENOMEM));
+        EXPECT_EQ(zq_lockqueue_create(&error), nullptr);
+        EXPECT_TRUE(error == 202u || (faults_injected() && error == 12u));
+    }
     Queue queue(zq_lockqueue_create(&error));
     EXPECT_EQ(error == 0, queue != nullptr);
 }

@@ -1,43 +1,13 @@
 // Threads and the locks that they share.
 #include "zq/util/zqthread.h"
 
-#include <cerrno>
-#include <gtest/gtest.h>
-#include <pthread.h>
-
-#include "tests/support/expect.h"
-#include "tests/support/interpose.h"
-#include "tests/support/log_capture.h"
+#include "tests/support/thread_faults.h"
 #include "zq/internal/zqlocks.h"
 
 using Thread = Owned<zqthread, zq_thread_destroy>;
 using Mutex = Owned<zqmutex, zq_mutex_destroy>;
 using Cond = Owned<zqcond, zq_cond_destroy>;
 using RwLock = Owned<zqrwlock, zq_rwlock_destroy>;
-
-// ---- calls that fail on demand ----
-
-static Fault join_fault, mutex_fault, rwlock_fault;
-
-extern "C" int pthread_join(pthread_t thread, void **result)
-{
-    int error = join_fault.strike();
-    return error ? error : next_symbol<&pthread_join>()(thread, result);
-}
-
-extern "C" int pthread_mutex_init(pthread_mutex_t *mutex,
-                                  const pthread_mutexattr_t *attributes) noexcept
-{
-    int error = mutex_fault.strike();
-    return error ? error : next_symbol<&pthread_mutex_init>()(mutex, attributes);
-}
-
-extern "C" int pthread_rwlock_init(pthread_rwlock_t *rwlock,
-                                   const pthread_rwlockattr_t *attributes) noexcept
-{
-    int error = rwlock_fault.strike();
-    return error ? error : next_symbol<&pthread_rwlock_init>()(rwlock, attributes);
-}
 
 // ---- threads ----
 
@@ -68,15 +38,18 @@ TEST(zqthread, failures_leave_the_state_as_it_was)
     char place[2];
     Thread thread(zq_thread_create());
     ASSERT_TRUE(thread);
-    pthread_create_fault.arm(EAGAIN);
-    EXPECT_EQ(zq_thread_start(thread.get(), add_one, place), EAGAIN);
-    EXPECT_EQ(log.take(), (std::vector<LogLine>{{7, "pthread_create() returned error 11"}}));
+    auto expect = [&log](auto run, const std::string &call) {
+        for (const int error : manual_errors.at(call)) {
+            SystemCalls calls(failing(call, error));
+            EXPECT_EQ(run(), error);
+            EXPECT_EQ(log.take(), (std::vector<LogLine>{
+                                      {7, call + "() returned error " + std::to_string(error)}}));
+        }
+    };
+    expect([&] { return zq_thread_start(thread.get(), add_one, place); }, "pthread_create");
     ASSERT_EQ(zq_thread_start(thread.get(), add_one, place), 0);
-
-    join_fault.arm(ESRCH);
     void *result = nullptr;
-    EXPECT_EQ(zq_thread_join(thread.get(), &result), ESRCH);
-    EXPECT_EQ(log.take(), (std::vector<LogLine>{{7, "pthread_join() returned error 3"}}));
+    expect([&] { return zq_thread_join(thread.get(), &result); }, "pthread_join");
     EXPECT_EQ(zq_thread_join(thread.get(), &result), 0);
     EXPECT_EQ(result, place + 1);
 }
@@ -215,17 +188,17 @@ TEST(zqrwlock, writers_exclude_and_readers_share)
 TEST(zqlocks, creators_clean_up_silently)
 {
     LogCapture log;
-    mutex_fault.arm(ENOMEM);
-    EXPECT_EQ(zq_mutex_create(), nullptr);
-    mutex_fault.arm(ENOMEM);
-    EXPECT_EQ(zq_cond_create(), nullptr);
-    pthread_cond_init_fault.arm(ENOMEM);
-    EXPECT_EQ(zq_cond_create(), nullptr);
-    rwlock_fault.arm(ENOMEM);
-    EXPECT_EQ(zq_rwlock_create(), nullptr);
+    auto expect = [](const std::string &call, auto *create) {
+        for (const int error : manual_errors.at(call)) {
+            SystemCalls calls(failing(call, error));
+            EXPECT_EQ(create(), nullptr);
+        }
+    };
+    expect("pthread_mutex_init", zq_mutex_create);
+    expect("pthread_mutex_init", zq_cond_create);
+    expect("pthread_cond_init", zq_cond_create);
+    expect("pthread_rwlock_init", zq_rwlock_create);
     EXPECT_TRUE(log.take().empty());
-    for (Fault *fault : {&mutex_fault, &pthread_cond_init_fault, &rwlock_fault})
-        fault->arm(0, 0);
 }
 
 // ---- misuse ----
@@ -270,7 +243,7 @@ TEST(zqlocks, misuse)
         EXPECT_MISUSE(call(nullptr), "util/zqrwlock", name, "zqrwlock != NULL");
 }
 
-// ThreadSanitizer reports these itself, before the library can.
+// Not under ThreadSanitizer, see thread_faults.h.
 #ifndef __SANITIZE_THREAD__
 TEST(zqlocks, what_the_platform_refuses_is_misuse)
 {
@@ -278,22 +251,37 @@ TEST(zqlocks, what_the_platform_refuses_is_misuse)
     Cond cond(zq_cond_create());
     RwLock rwlock(zq_rwlock_create());
     ASSERT_TRUE(mutex && cond && rwlock);
-    const char *refused = "err == 0";
-    {
-        mutex_lock lock(mutex.get());
-        EXPECT_MISUSE(zq_mutex_destroy(mutex.get()), "util/zqmutex", "zq_mutex_destroy", refused);
-    }
-    {
-        cond_lock lock(cond.get());
-        EXPECT_MISUSE(zq_cond_destroy(cond.get()), "util/zqcond", "zq_cond_destroy", refused);
-    }
-    // The lock knows its writer by a number that a forked child does not share.
-    auto write_then = [&rwlock](void (*call)(zqrwlock *)) {
-        write_lock lock(rwlock.get());
-        call(rwlock.get());
+    auto expect = [](const std::string &source, auto *function, auto *object,
+                     const std::string &name, const std::string &call) {
+        auto refused = [&] {
+            SystemCalls calls(failing(call, EINVAL));
+            function(object);
+        };
+        EXPECT_MISUSE(refused(), source, name, "err == 0");
     };
-    const char *source = "util/zqrwlock";
-    EXPECT_MISUSE(write_then(zq_rwlock_wrlock), source, "zq_rwlock_wrlock", refused);
-    EXPECT_MISUSE(write_then(zq_rwlock_rdlock), source, "zq_rwlock_rdlock", refused);
+#define EXPECT_REFUSAL(object, function, call)                                                     \
+    expect("util/zq" #object, function, object.get(), #function, #call)
+    EXPECT_REFUSAL(mutex, zq_mutex_lock, pthread_mutex_lock);
+    EXPECT_REFUSAL(mutex, zq_mutex_unlock, pthread_mutex_unlock);
+    EXPECT_REFUSAL(mutex, zq_mutex_destroy, pthread_mutex_destroy);
+    EXPECT_REFUSAL(cond, zq_cond_lock, pthread_mutex_lock);
+    EXPECT_REFUSAL(cond, zq_cond_unlock, pthread_mutex_unlock);
+    EXPECT_REFUSAL(cond, zq_cond_wait, pthread_cond_wait);
+    EXPECT_REFUSAL(cond, zq_cond_signal, pthread_cond_signal);
+    EXPECT_REFUSAL(cond, zq_cond_broadcast, pthread_cond_broadcast);
+    EXPECT_REFUSAL(cond, zq_cond_destroy, pthread_cond_destroy);
+    EXPECT_REFUSAL(cond, zq_cond_destroy, pthread_mutex_destroy);
+    EXPECT_REFUSAL(rwlock, zq_rwlock_rdlock, pthread_rwlock_rdlock);
+    EXPECT_REFUSAL(rwlock, zq_rwlock_wrlock, pthread_rwlock_wrlock);
+    EXPECT_REFUSAL(rwlock, zq_rwlock_unlock, pthread_rwlock_unlock);
+    EXPECT_REFUSAL(rwlock, zq_rwlock_destroy, pthread_rwlock_destroy);
+#undef EXPECT_REFUSAL
+    auto create_half = [] {
+        SystemCalls calls([](const SystemCall &call) {
+            return call.name == "pthread_cond_init" || call.name == "pthread_mutex_destroy";
+        });
+        zq_cond_create();
+    };
+    EXPECT_MISUSE(create_half(), "util/zqcond", "zq_cond_create", "res == 0");
 }
 #endif

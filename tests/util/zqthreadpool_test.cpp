@@ -8,8 +8,7 @@
 #include <vector>
 
 #include "tests/support/expect.h"
-#include "tests/support/interpose.h"
-#include "tests/support/log_capture.h"
+#include "tests/support/thread_faults.h"
 
 using Params = Owned<zqthreadpool_params, zq_threadpool_params_destroy>;
 using Pool = Owned<zqthreadpool, zq_threadpool_destroy>;
@@ -199,7 +198,7 @@ TEST(zqthreadpool, failed_creation_leaves_nothing_behind)
         const char *what;
         int failing_context;
         zqerror failure;
-        int failing_thread; // from 1
+        size_t failing_thread; // from 1
         zqerror error;
         Lines log;
         int contexts;
@@ -240,10 +239,11 @@ TEST(zqthreadpool, failed_creation_leaves_nothing_behind)
         World world{.failing_context = row.failing_context, .failure = row.failure};
         Params params = make_params(3, &world);
         ASSERT_TRUE(params);
-        pthread_create_fault.arm(EAGAIN, row.failing_thread);
         zqerror error = 999;
-        EXPECT_EQ(zq_threadpool_create(params.get(), &error), nullptr);
-        pthread_create_fault.arm(0, 0);
+        {
+            SystemCalls calls(failing("pthread_create", EAGAIN, row.failing_thread));
+            EXPECT_EQ(zq_threadpool_create(params.get(), &error), nullptr);
+        }
         EXPECT_EQ(world.destroyed, world.created);
         EXPECT_EQ(world.created, row.contexts);
         EXPECT_EQ(error, row.error);
