@@ -41,9 +41,9 @@ extern "C" int poll(pollfd *fds, nfds_t count, int timeout)
                              [&](size_t) { return next_symbol<&poll>()(fds, count, timeout); });
 }
 
-// While set, recv() waits until there is something, so that the calls that a client makes do not
-// depend on how fast the other end is.
-inline bool recv_waits = false;
+// While set, recv() of this thread waits until there is something, so that the calls that a client
+// makes do not depend on how fast the other end is.
+inline thread_local bool recv_waits = false;
 
 extern "C" ssize_t recv(int fd, void *to, size_t size, int flags)
 {
