@@ -4,6 +4,7 @@
 // Defines the network calls in the test program that includes it (once), as system_faults.h does
 // those of files.
 
+#include <atomic>
 #include <deque>
 #include <netdb.h>
 #include <poll.h>
@@ -41,9 +42,9 @@ extern "C" int poll(pollfd *fds, nfds_t count, int timeout)
                              [&](size_t) { return next_symbol<&poll>()(fds, count, timeout); });
 }
 
-// While set, recv() of this thread waits until there is something, so that the calls that a client
-// makes do not depend on how fast the other end is.
-inline thread_local bool recv_waits = false;
+// While set, recv() waits until there is something, so that the calls that a client makes, or a
+// thread of the server, do not depend on how fast the other end is.
+inline std::atomic<bool> recv_waits = false;
 
 extern "C" ssize_t recv(int fd, void *to, size_t size, int flags)
 {
