@@ -176,7 +176,7 @@ TEST(zqsum, failures_have_a_status)
     EXPECT_EQ(run({program, "-a", "md5"}).err, "zqsum: there is no algorithm 'md5'\n");
     EXPECT_EQ(run({program, "-j", "0"}).status, 2);
     EXPECT_EQ(run({program, "-j", "257"}).status, 2);
-    Outcome full = run({"sh", "-c", program + " /dev/null >/dev/full"});
+    Outcome full = run({"sh", "-c", "\"$@\" /dev/null >/dev/full", "sh", program});
     EXPECT_EQ(full.status, 1);
     EXPECT_EQ(full.err, "zqsum: standard output: No space left on device\n");
 }
