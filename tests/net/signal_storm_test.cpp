@@ -101,7 +101,7 @@ using Receive = std::function<Step(char *, size_t)>;
 // on where it was.
 static void expect_carried(const Send &send, const Receive &receive)
 {
-    const std::string sent = random_bytes(8 << 20);
+    const std::string sent = random_bytes(16 << 20);
     std::atomic<int> receiver_interrupted{0}, sender_interrupted{0};
     std::atomic<bool> intact{true};
     auto goes_on = [&](size_t at, const Step &step) {
