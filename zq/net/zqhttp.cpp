@@ -673,14 +673,10 @@ const char *zq_http_get_response_header(zqhttp *zqhttp, const char *name)
     return zq_httpheaders_get(zqhttp->responseheaders, name);
 }
 
-zqerror zq_http_get_response_header_int(zqhttp *zqhttp, const char *name, int32_t *valueptr)
+// The number in a header, whose text is null when it is missing.
+static zqerror zq_http_parse_header_int(const char *text, int32_t *valueptr)
 {
-    ZQ_ASSERT(zqhttp != NULL);
-    ZQ_ASSERT(name != NULL);
-    ZQ_ASSERT(valueptr != NULL);
-
     *valueptr = -1;
-    const char *text = zq_http_get_response_header(zqhttp, name);
     if (!text)
         return ZQ_ERROR_NOT_FOUND;
     errno = 0;
@@ -689,6 +685,21 @@ zqerror zq_http_get_response_header_int(zqhttp *zqhttp, const char *name, int32_
         return ZQ_ERROR_OUT_OF_RANGE;
     *valueptr = static_cast<int32_t>(value);
     return ZQ_ERROR_NONE;
+}
+
+zqerror zq_http_get_response_header_int(zqhttp *zqhttp, const char *name, int32_t *valueptr)
+{
+    ZQ_ASSERT(zqhttp != NULL);
+    ZQ_ASSERT(name != NULL);
+    ZQ_ASSERT(valueptr != NULL);
+
+    return zq_http_parse_header_int(zq_http_get_response_header(zqhttp, name), valueptr);
+}
+
+zqerror http_lookup_response_int(zqhttp *zqhttp, const char *lowercase_name, int32_t *valueptr)
+{
+    return zq_http_parse_header_int(httpheaders_lookup(zqhttp->responseheaders, lowercase_name),
+                                    valueptr);
 }
 
 zqerror zq_http_get_response_body(zqhttp *zqhttp, char **bodyptr)

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "zq/internal/zqassert.h"
+#include "zq/internal/zqheaderlookup.h"
 #include "zq/internal/zqintrusive.h"
 #include "zq/internal/zqlogline.h"
 #include "zq/internal/zqowned.h"
@@ -498,8 +499,7 @@ static zqerror zq_http_lite_read_headers(zqhttp *zqhttp, http_lite *http)
 static uint64_t zq_http_lite_get_body_length(zqhttp *zqhttp)
 {
     int32_t length;
-    if (zq_http_get_response_header_int(zqhttp, "content-length", &length) != ZQ_ERROR_NONE ||
-        length < 0)
+    if (http_lookup_response_int(zqhttp, "content-length", &length) != ZQ_ERROR_NONE || length < 0)
         return unknown_length;
     return static_cast<uint64_t>(length);
 }
