@@ -87,6 +87,9 @@ class Texts {
             std::min(source.find_first_not_of("0123456789.", position + 1), source.size());
         // RapidJSON rounds some fractions of more than 767 digits wrongly.
         std::string number = source.substr(position, std::min<size_t>(end - position, 767));
+        // It reads beyond its tables where one is too small for a double.
+        if (strtod(number.c_str(), nullptr) == 0)
+            number = number.substr(0, 300);
         position = end;
         if (is_misuse(number, at(end)))
             number = number.substr(0, 15) + "1";
