@@ -39,7 +39,7 @@ bool heap_is_watched()
     return !faults_injected();
 }
 
-static bool next_fails(HeapFailure::Calls calls = HeapFailure::ALLOCATIONS)
+NOT_INSTRUMENTED static bool next_fails(HeapFailure::Calls calls = HeapFailure::ALLOCATIONS)
 {
     return ++asked_for[calls] == failing[calls];
 }
