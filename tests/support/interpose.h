@@ -1,7 +1,6 @@
 #ifndef TESTS_SUPPORT_INTERPOSE_H
 #define TESTS_SUPPORT_INTERPOSE_H
 
-#include <atomic>
 #include <dlfcn.h>
 
 // Not instrumented, what follows: AddressSanitizer allocates before it can check anything.
@@ -23,22 +22,5 @@ NOT_INSTRUMENTED auto *next_symbol()
     static auto *const next = find_next_symbol<own>();
     return next;
 }
-
-// Makes one call of an interposed function fail.
-class Fault {
-  public:
-    // The `nth` call from now on fails with `error`.
-    void arm(int error, int nth = 1)
-    {
-        code = error;
-        left = nth;
-    }
-    // To be asked once a call; the error to fail with, or 0.
-    int strike() { return left > 0 && --left == 0 ? code.load() : 0; }
-
-  private:
-    std::atomic<int> code{0};
-    std::atomic<int> left{0};
-};
 
 #endif

@@ -6,7 +6,7 @@
 
 #include <pthread.h>
 
-#include "tests/support/system_faults.h"
+#include "tests/support/system_calls.h"
 
 #define DEFINE_THREAD_CALL(name, parameters, arguments, ...)                                       \
     extern "C" int name parameters __VA_ARGS__                                                     \

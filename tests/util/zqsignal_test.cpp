@@ -5,17 +5,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "tests/support/interpose.h"
-
-static Fault signal_fault;
+#include "tests/support/system_calls.h"
 
 extern "C" sighandler_t signal(int number, sighandler_t handler) noexcept
 {
-    int error = signal_fault.strike();
-    if (error == 0)
-        return next_symbol<&signal>()(number, handler);
-    errno = error;
-    return SIG_ERR;
+    errno = SystemCalls::outcome_of({"signal"});
+    return errno == PASS ? next_symbol<&signal>()(number, handler) : SIG_ERR;
 }
 
 namespace {
@@ -81,8 +76,10 @@ TEST(zqsignal, a_refused_registration_leaves_no_hook)
     for (const Hook &hook : hooks) {
         Record before, after;
         ASSERT_EQ(hook.do_register(record, &before), 0);
-        signal_fault.arm(EINVAL);
-        EXPECT_EQ(hook.do_register(record, &after), -1);
+        {
+            SystemCalls calls(failing("signal", EINVAL));
+            EXPECT_EQ(hook.do_register(record, &after), -1);
+        }
         raise(hook.number);
         EXPECT_EQ(before.calls + after.calls, 0);
         EXPECT_EQ(hook.do_register(nullptr, nullptr), 0);
@@ -94,8 +91,10 @@ TEST(zqsignal, ignore_sigpipe)
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     close(ends[0]);
-    signal_fault.arm(EINVAL);
-    EXPECT_EQ(zq_signal_ignore_sigpipe(), -1);
+    {
+        SystemCalls calls(failing("signal", EINVAL));
+        EXPECT_EQ(zq_signal_ignore_sigpipe(), -1);
+    }
     EXPECT_EXIT((void)!write(ends[1], "x", 1), testing::KilledBySignal(SIGPIPE), "");
     EXPECT_EQ(zq_signal_ignore_sigpipe(), 0);
     EXPECT_EQ(write(ends[1], "x", 1), -1);

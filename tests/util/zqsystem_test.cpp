@@ -3,40 +3,44 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <sys/select.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include "tests/support/expect.h"
 #include "tests/support/heap.h"
-#include "tests/support/interpose.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/system_calls.h"
 
-static Fault system_fault;
 static std::string hostname = "host";
 static struct timeval slept;
 
 extern "C" int uname(struct utsname *names) noexcept
 {
-    *names = {"system", "node", "release", "version", "machine", ""};
-    errno = system_fault.strike();
-    return errno ? -1 : 0;
+    return SystemCalls::make({"uname"}, [names](size_t) {
+        *names = {"system", "node", "release", "version", "machine", ""};
+        return 0;
+    });
 }
 
 // As systems do that cut the name without terminating it.
 extern "C" int gethostname(char *name, size_t size) noexcept
 {
-    memcpy(name, hostname.c_str(), std::min(size, hostname.size() + 1));
-    errno = system_fault.strike();
-    return errno ? -1 : 0;
+    return SystemCalls::make({"gethostname"}, [name, size](size_t) {
+        memcpy(name, hostname.c_str(), std::min(size, hostname.size() + 1));
+        return 0;
+    });
 }
 
 extern "C" int select(int count, fd_set *reads, fd_set *writes, fd_set *exceptions,
                       struct timeval *timeout)
 {
-    EXPECT_TRUE(count == 0 && !reads && !writes && !exceptions);
-    slept = *timeout;
-    return system_fault.strike() ? -1 : 0;
+    return SystemCalls::make({"select"}, [=](size_t) {
+        EXPECT_TRUE(count == 0 && !reads && !writes && !exceptions);
+        slept = *timeout;
+        return 0;
+    });
 }
 
 TEST(zqsystem, names)
@@ -76,7 +80,9 @@ TEST(zqsystem, failures_are_logged)
                 {zq_uname_version, 1, "not enough memory for the operating system version"}};
     for (const auto &row : rows) {
         LogCapture log;
-        system_fault.arm(EFAULT, row.failing ? 0 : 1);
+        std::optional<SystemCalls> calls;
+        if (row.failing == 0)
+            calls.emplace([](const SystemCall &) { return EFAULT; });
         HeapFailure failure(row.failing);
         EXPECT_EQ(row.get(), nullptr);
         std::vector<LogLine> lines;
@@ -105,7 +111,7 @@ TEST(zqsystem, sleep_is_a_select_without_descriptors)
     EXPECT_EQ(zq_sleep(4000000000, 999999), 0);
     EXPECT_EQ(slept.tv_sec, 4000000000);
     EXPECT_EQ(slept.tv_usec, 999999);
-    system_fault.arm(EINTR);
+    SystemCalls calls(failing("select", EINTR));
     EXPECT_EQ(zq_sleep(0, 1), -1);
 }
 

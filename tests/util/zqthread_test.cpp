@@ -1,6 +1,12 @@
 // Threads and the locks that they share.
 #include "zq/util/zqthread.h"
 
+#include <cerrno>
+#include <gtest/gtest.h>
+
+#include "tests/support/expect.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/manual_errors.h"
 #include "tests/support/thread_faults.h"
 #include "zq/internal/zqlocks.h"
 

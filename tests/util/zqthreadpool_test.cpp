@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/support/expect.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/thread_faults.h"
 
 using Params = Owned<zqthreadpool_params, zq_threadpool_params_destroy>;
