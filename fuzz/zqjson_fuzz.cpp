@@ -97,8 +97,8 @@ class Texts {
 
         const size_t first = number[0] == '-';
         const size_t digit = std::min(number.find_first_of("0123456789"), number.size());
-        if (strchr("eE", at(end)) ||
-            (number.compare(digit, 1, "0") == 0 && number.rfind('0') != digit))
+        const bool exponent = at(end) == 'e' || at(end) == 'E';
+        if (!at(end) || (number.compare(digit, 1, "0") == 0 && number.rfind('0') != digit))
             common = false;
         if (number.compare(first, 1, ".") == 0)
             number.insert(first, 1, '0');
@@ -106,6 +106,8 @@ class Texts {
                  is_digit(number[first + 1]))
             number.erase(first, 1);
         strict += number;
+        if (exponent) // which nobody is to accept
+            strict += '?';
     }
 
     // Any byte may be escaped, control characters need not be. \u goes up to \u00ff.
