@@ -189,9 +189,10 @@ static bool number_of(const Value *value, double *number, int64_t *integer)
         *integer = value->GetInt64();
     else if (*number >= 0x1p63 || *number < -0x1p63)
         *integer = *number > 0 ? INT64_MAX : INT64_MIN;
+    else if (const volatile double moved = *number + std::copysign(0.5, *number); moved == moved)
+        *integer = static_cast<int64_t>(moved); // volatile: rounded to a double on every processor
     else
-        *integer =
-            std::isnan(*number) ? 0 : static_cast<int64_t>(*number + std::copysign(0.5, *number));
+        *integer = 0;
     return found;
 }
 

@@ -50,6 +50,13 @@ void print_double(double number)
     puts(text);
 }
 
+// Through memory: processors that compute with more digits would see what a double cannot hold.
+bool is_integral(const value &value)
+{
+    const volatile double rounded = static_cast<double>(value.integer);
+    return rounded == value.number;
+}
+
 int print_value(const value &value)
 {
     if (!value.found) {
@@ -62,7 +69,7 @@ int print_value(const value &value)
         puts("null");
     else if (value.is_boolean)
         puts(value.boolean ? "true" : "false");
-    else if (value.is_number && static_cast<double>(value.integer) == value.number)
+    else if (value.is_number && is_integral(value))
         printf("%lld\n", static_cast<long long>(value.integer));
     else if (value.is_number)
         print_double(value.number);

@@ -43,7 +43,7 @@ TEST(zqwchar, decodes_and_encodes)
         ZqString utf8(zq_wchar_to_utf8(row.wide.c_str()));
         EXPECT_TRUE(!utf8 || utf8.get() == again) << row.utf8;
     }
-    ZqString negative(zq_wchar_to_utf8(Wide{-1, INT32_MIN + 'a', 'b'}.c_str()));
+    ZqString negative(zq_wchar_to_utf8(Wide{wchar_t(-1), wchar_t(INT32_MIN + 'a'), 'b'}.c_str()));
     EXPECT_TRUE(!negative || negative.get() == std::string("\x7F"
                                                            "ab"));
 }
@@ -66,7 +66,8 @@ TEST(zqwchar, refuses)
         EXPECT_EQ(len, 0u);
         EXPECT_EQ(log.take(), (Lines{{6, row.line}}));
     }
-    for (auto [value, digits] : {std::pair(0x110000, "00110000"), {INT32_MAX, "7fffffff"}}) {
+    for (auto [value, digits] :
+         {std::pair(wchar_t{0x110000}, "00110000"), {wchar_t{INT32_MAX}, "7fffffff"}}) {
         char utf8[8];
         size_t len = 8;
         EXPECT_EQ(zq_wchar_to_utf8_buffer(utf8, &len, Wide{'a', value}.c_str()), -1);
