@@ -337,14 +337,6 @@ static const std::string not_deleted = "[7] unable to delete the temporary file"
 static const std::string not_placed = "[7] unable to rename '@/f.tmp' as '@/f'";
 static const std::string not_backup = "[7] unable to rename the previous file as the backup file";
 
-static std::vector<Effect> effects_of_saving(int failed_backup)
-{
-    return {{"open", 0, -1, not_deleted},
-            {"write 1", 0, -1},
-            {"rename f", 0, failed_backup, not_backup},
-            {"rename f.tmp", 0, -1, not_placed}};
-}
-
 static const std::vector<Effect> any_fails = {{"", 0, -1}};
 static const std::vector<Effect> of_stat = {{"stat", ENOENT, -1}, {"stat", 0, -2}};
 static const std::vector<Effect> of_loading = {{"open", 0, -1}, {"read", 0, -1}, {"lseek", 0, -1}};
@@ -396,7 +388,7 @@ static const Operation operations[] = {
     OPEN(zq_utf8file_append_ascii),
     {"zq_file_get_length", length_of_f, any_fails},
     ON("f", -1 + zq_file_exists, of_stat),
-    ON("f", -1 + zq_utf8file_exists, of_stat),
+    ON("top", -1 + zq_utf8file_exists, of_stat),
     {"zq_file_data_load", load_f<zq_file_data_load>, of_loading, true},
     {"zq_utf8file_data_load", load_f<zq_utf8file_data_load>, of_loading, true},
     {"zq_file_data_load_with_backup", load_f<zq_file_data_load_with_backup>, of_reading, true},
@@ -404,9 +396,8 @@ static const Operation operations[] = {
      true},
     {"zq_file_data_save", save_f<zq_file_data_save>, of_saving, true},
     {"zq_utf8file_data_save", save_f<zq_utf8file_data_save>, of_saving, true},
-    {"zq_file_data_save_with_backup", save_f<zq_file_data_save_with_backup>, effects_of_saving(-1)},
-    {"zq_utf8file_data_save_with_backup", save_f<zq_utf8file_data_save_with_backup>,
-     effects_of_saving(0)},
+    {"zq_file_data_save_with_backup", save_f<zq_file_data_save_with_backup>},
+    {"zq_utf8file_data_save_with_backup", save_f<zq_utf8file_data_save_with_backup>},
     ON("f", zq_deletefile, any_fails, true),
     ON("f", zq_utf8deletefile, any_fails, true),
     {"zq_wdeletefile", delete_wide_f, any_fails, true},
@@ -452,6 +443,8 @@ TEST(system_faults, come_to_what_is_promised)
 {
     const ScratchPlace place(ScratchPlace::memory());
     for (const Operation &operation : operations) {
+        if (operation.name.ends_with("save_with_backup")) // judged more closely below
+            continue;
         SCOPED_TRACE(operation.name);
         walk_system_faults<World>([&](const World &world) { return result_of(operation, world); },
                                   [&](const World &world, const SystemFault &fault,
@@ -527,6 +520,7 @@ TEST(system_faults, leave_the_new_or_the_previous_content)
             EXPECT_EQ(failures(lines), filled_in(row->lines, world, fault));
             const bool is_new = row->saved.starts_with("new");
             EXPECT_EQ(saving.loaded(world), is_new ? new_content : "previous");
+            EXPECT_EQ(save(world), 0) << "it does not work again";
         });
     }
 }
