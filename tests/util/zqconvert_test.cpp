@@ -9,29 +9,15 @@
 
 TEST(zqconvert, strtoi64)
 {
-    constexpr zqerror PART = ZQ_ERROR_INCOMPLETE;
-    constexpr zqerror LARGE = ZQ_ERROR_OUT_OF_RANGE;
     const std::tuple<const char *, zqerror, int64_t> rows[] = {
-        {"-0", 0, 0},
-        {" \t\r\n\v\f+42", 0, 42},
-        {"000000000000000000000000000007", 0, 7},
-        {"9223372036854775807", 0, INT64_MAX},
-        {"-9223372036854775808", 0, INT64_MIN},
-        {"-42 ", PART, -42},
-        {"0x10", PART, 0},
-        {"42\xFF", PART, 42},
-        {"-9223372036854775808-", PART, INT64_MIN},
-        {"  ", ZQ_ERROR_SYNTAX, 0},
-        {"abc", ZQ_ERROR_SYNTAX, 0},
-        {"+-1", ZQ_ERROR_SYNTAX, 0},
+        {"\v+000000000000000000000000000007", ZQ_ERROR_NONE, 7},
+        {"0x10", ZQ_ERROR_INCOMPLETE, 0},
         {"- 1", ZQ_ERROR_SYNTAX, 0},
         {"\xB2", ZQ_ERROR_SYNTAX, 0},
-        {"9223372036854775808x", LARGE, 0},
-        {"-9223372036854775809", LARGE, 0},
-        {"18446744073709551616", LARGE, 0},
+        {"18446744073709551616", ZQ_ERROR_OUT_OF_RANGE, 0},
         // Wraps around without becoming smaller than 2200000000000000000, which goes unnoticed.
-        {"22000000000000000000", 0, 3553255926290448384},
-        {"-22000000000000000000x", PART, -3553255926290448384}};
+        {"22000000000000000000", ZQ_ERROR_NONE, 3553255926290448384},
+        {"-22000000000000000000x", ZQ_ERROR_INCOMPLETE, -3553255926290448384}};
     for (const auto &[string, result, expected] : rows) {
         int64_t value = 99;
         EXPECT_EQ(zq_strtoi64(string, &value), result) << string;

@@ -1,9 +1,7 @@
 #include "zq/util/zqgetopt.h"
 
 #include <algorithm>
-#include <climits>
 #include <sstream>
-#include <tuple>
 
 #include "tests/support/expect.h"
 #include "tests/support/log_capture.h"
@@ -39,9 +37,8 @@ static int parse(const Getopt &getopt, const std::string &line)
 
 namespace {
 struct Values {
-    int verbose = 0, port = -7;
+    int verbose = 0, port = -7, number = -7;
     const char *query = nullptr, *only_long = nullptr;
-    int number = -7;
 };
 } // namespace
 
@@ -55,34 +52,21 @@ static bool add_options(zqgetopt *getopt, Values *values)
            zq_getopt_help(getopt, "help", 'h') == 0;
 }
 
-TEST(zqgetopt, command_lines)
+TEST(zqgetopt, refused_command_lines)
 {
+    const std::string signed_integer = " for a signed integer argument";
     const struct {
         const char *line;
-        int result, optind;
-        Values values;
         std::string err, log;
     } rows[] = {
-        {"-v file", 0, 2, {1}, "", ""},
-        {"file -v", 0, 1, {}, "", ""},
-        {"--port=80 rest", 0, 2, {0, 80}, "", ""},
-        {"--port 80 rest", 0, 3, {0, 80}, "", ""},
-        {"-vpvq 1 2 -v", 0, 5, {1, 1, "2"}, "", ""},
-        {"-- -x", 0, 2, {}, "", ""},
-        {"-v - -p 1 -", 0, 6, {1, 1}, "", ""},
-        {"--verbose=no x", 0, 2, {1}, "", ""},
-        {"--query --port=1", 0, 3, {0, -7, "--port=1"}, "", ""},
-        {"--query=a=b", 0, 2, {0, -7, "a=b"}, "", ""},
-        {"--only-long= -n 5", 0, 4, {0, -7, nullptr, "", 5}, "", ""},
-        {"-p 12abc", 0, 3, {0, 12}, "", ""},
-        {"-pn 2147483647 -2147483648", 0, 4, {0, INT_MAX, nullptr, nullptr, INT_MIN}, "", ""},
-        {"--port=3000000000", -1, 0, {}, "", "'port' value '3000000000' too large"},
-        {"-p -2147483649", -1, 0, {}, "", "'p' value '-2147483649' too low"},
-        {"-v --port", -1, 0, {1}, "", "'port' requires an argument"},
-        {"-vq", -1, 0, {1}, "", "'q' requires an argument"},
-        {"-v --Port=1", -1, 0, {1}, "ERROR: Unknown option '--Port=1'!\n", ""},
-        {"--=1", -1, 0, {}, "ERROR: Unknown option '--=1'!\n", ""},
-        {"-vxv", -1, 0, {1}, "ERROR: Unknown option '-x'!\n", ""},
+        {"--port=3000000000", "",
+         "[6] option 'port' value '3000000000' too large" + signed_integer},
+        {"-p -2147483649", "", "[6] option 'p' value '-2147483649' too low" + signed_integer},
+        {"-v --port", "", "[6] option 'port' requires an argument"},
+        {"-vq", "", "[6] option 'q' requires an argument"},
+        {"-v --Port=1", "ERROR: Unknown option '--Port=1'!\n", ""},
+        {"--=1", "ERROR: Unknown option '--=1'!\n", ""},
+        {"-vxv", "ERROR: Unknown option '-x'!\n", ""},
     };
     Values values;
     Getopt getopt(zq_getopt_create());
@@ -90,27 +74,12 @@ TEST(zqgetopt, command_lines)
     LogCapture log;
     for (const auto &row : rows) {
         SCOPED_TRACE(row.line);
-        values = Values();
         testing::internal::CaptureStderr();
-        int result = parse(getopt, row.line);
+        CHECK_PROMISE(parse(getopt, row.line) == -1 && zq_getopt_optind(getopt.get()) == 0);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), row.err);
-        Lines expected;
-        if (!row.log.empty())
-            expected.push_back({6, "option " + row.log});
-        if (row.log.find("value") != std::string::npos)
-            expected[0].text += " for a signed integer argument";
-        Lines lines = log.take();
-        if (faults_injected() && lines != expected) {
-            CHECK_PROMISE(result == -1 && zq_getopt_optind(getopt.get()) == 0);
-            CHECK_PROMISE((lines == Lines{{7, "not enough memory for long option name"}}));
-        }
-        EXPECT_EQ(lines, expected);
-        EXPECT_EQ(result, row.result);
-        EXPECT_EQ(zq_getopt_optind(getopt.get()), row.optind);
-        EXPECT_EQ(std::tie(values.verbose, values.port, values.number),
-                  std::tie(row.values.verbose, row.values.port, row.values.number));
-        EXPECT_STREQ(values.query, row.values.query);
-        EXPECT_STREQ(values.only_long, row.values.only_long);
+        const std::string lines = joined(log.take());
+        CHECK_PROMISE(lines == row.log ||
+                      (faults_injected() && lines == "[7] not enough memory for long option name"));
     }
 }
 
