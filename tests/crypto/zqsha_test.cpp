@@ -166,28 +166,6 @@ TYPED_TEST(sha, nist_messages)
     }
 }
 
-TYPED_TEST(sha, nist_monte_carlo)
-{
-    for (auto compress : this->implementations()) {
-        TypeParam::in_use->store(compress);
-        std::ifstream in(std::string(VECTORS) + TypeParam::vectors + "Monte.rsp");
-        if (!in)
-            GTEST_SKIP() << "python3-cryptography-vectors is not installed";
-        Bytes seed = from_hex(next_value(in, "Seed"));
-        size_t count = 0;
-        for (std::string expected; !(expected = next_value(in, "MD")).empty(); count++) {
-            Bytes last[3] = {seed, seed, seed};
-            for (int i = 0; i < 1000; i++) {
-                seed = this->digest(last[0] + last[1] + last[2]);
-                std::rotate(last, last + 1, last + 3);
-                last[2] = seed;
-            }
-            ASSERT_EQ(seed, from_hex(expected)) << count;
-        }
-        EXPECT_EQ(count, 100u);
-    }
-}
-
 // The digest is the chaining value as it stands, before, at and after the end of a message.
 TYPED_TEST(sha, digest_reads_the_chaining_value)
 {

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <deque>
-#include <gtest/gtest.h>
 #include <vector>
 
 #include "tests/support/expect.h"

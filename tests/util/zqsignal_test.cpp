@@ -35,54 +35,34 @@ static void record(zqsignal number, void *context)
     errno = ENOENT;
 }
 
-TEST(zqsignal, a_callback_gets_its_signal_and_context)
+TEST(zqsignal, the_callback_registered_last_gets_its_signal_and_context)
 {
     Record seen[2];
     for (int i = 0; i < 2; i++)
         ASSERT_EQ(hooks[i].do_register(record, &seen[i]), 0);
     for (int i = 0; i < 2; i++) {
+        const auto [do_register, number] = hooks[i];
         errno = EDOM;
-        raise(hooks[i].number);
-        raise(hooks[i].number);
+        raise(number);
+        raise(number);
         EXPECT_EQ(errno, EDOM) << "the handler must not change what it interrupted";
         EXPECT_EQ(seen[i].calls, 2) << "the hook outlives its first signal";
-        EXPECT_EQ(seen[i].number, hooks[i].number);
-    }
-    for (const Hook &hook : hooks) {
-        // Another context, more than once: each registration replaces the one before.
+        EXPECT_EQ(seen[i].number, number);
         Record others[3];
         for (Record &other : others) {
-            ASSERT_EQ(hook.do_register(record, &other), 0);
-            raise(hook.number);
-            EXPECT_EQ(other.calls, 1);
+            ASSERT_EQ(do_register(record, &other), 0);
+            raise(number);
         }
-        EXPECT_EQ(others[0].calls + others[1].calls, 2);
-        EXPECT_EQ(hook.do_register(nullptr, nullptr), 0);
-    }
-}
-
-TEST(zqsignal, null_restores_the_default)
-{
-    for (const Hook &hook : hooks) {
-        Record seen;
-        ASSERT_EQ(hook.do_register(record, &seen), 0);
-        ASSERT_EQ(hook.do_register(nullptr, nullptr), 0);
-        EXPECT_EXIT(raise(hook.number), testing::KilledBySignal(hook.number), "");
-    }
-}
-
-TEST(zqsignal, a_refused_registration_leaves_no_hook)
-{
-    for (const Hook &hook : hooks) {
-        Record before, after;
-        ASSERT_EQ(hook.do_register(record, &before), 0);
+        EXPECT_TRUE(others[0].calls == 1 && others[1].calls == 1 && others[2].calls == 1);
         {
             SystemCalls calls(failing("signal", EINVAL));
-            EXPECT_EQ(hook.do_register(record, &after), -1);
+            EXPECT_EQ(do_register(record, &seen[i]), -1);
         }
-        raise(hook.number);
-        EXPECT_EQ(before.calls + after.calls, 0);
-        EXPECT_EQ(hook.do_register(nullptr, nullptr), 0);
+        raise(number);
+        EXPECT_EQ(seen[i].calls + others[2].calls, 3) << "no hook after a refused registration";
+        ASSERT_EQ(do_register(record, &seen[i]), 0);
+        EXPECT_EQ(do_register(nullptr, nullptr), 0);
+        EXPECT_EXIT(raise(number), testing::KilledBySignal(number), "");
     }
 }
 

@@ -41,17 +41,10 @@ static bool add(const Suite &suite, zq_test_case_callback function, void *userda
     return false;
 }
 
-static std::string run_errors(const Suite &suite, int expected)
+static std::string errors_of(int (*call)(zqtest *), const Suite &suite, int expected)
 {
     testing::internal::CaptureStderr();
-    EXPECT_EQ(zq_test_run(suite.get()), expected);
-    return testing::internal::GetCapturedStderr();
-}
-
-static std::string summary(const Suite &suite, int expected = 0)
-{
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(zq_test_summary(suite.get()), expected);
+    EXPECT_EQ(call(suite.get()), expected);
     return testing::internal::GetCapturedStderr();
 }
 
@@ -88,21 +81,24 @@ TEST(zqtest, results_and_summaries)
     Suite suite = create("s");
     ASSERT_TRUE(suite);
     FakeClock clock;
-    EXPECT_EQ(run_errors(suite, 0), "") << "an empty suite succeeds";
+    EXPECT_EQ(errors_of(zq_test_run, suite, 0), "") << "an empty suite succeeds";
     ASSERT_TRUE(add(suite, good, &clock));
-    EXPECT_EQ(summary(suite), "s: testcase 1 has NOT been run!\n"
-                              "s: 0/1 test cases (0/1 checks) succeeded, 1 (1) failed\n");
+    EXPECT_EQ(errors_of(zq_test_summary, suite, 0),
+              "s: testcase 1 has NOT been run!\n"
+              "s: 0/1 test cases (0/1 checks) succeeded, 1 (1) failed\n");
     // A case without checks fails the run, not the summary.
     ASSERT_TRUE(add(suite, without_checks, nullptr));
-    run_errors(suite, 1);
-    EXPECT_EQ(summary(suite), "s: 2/2 test cases (1/1 checks) succeeded, 0 (0) failed\n");
+    errors_of(zq_test_run, suite, 1);
+    EXPECT_EQ(errors_of(zq_test_summary, suite, 0),
+              "s: 2/2 test cases (1/1 checks) succeeded, 0 (0) failed\n");
     suite = create("s");
     ASSERT_TRUE(suite && add(suite, mixed, &clock));
-    std::string err = run_errors(suite, 1);
+    std::string err = errors_of(zq_test_run, suite, 1);
     EXPECT_TRUE(err.starts_with("ERROR: " __FILE__ ":")) << err;
     EXPECT_TRUE(err.ends_with(" failed condition: 1 + 1 == 3\n")) << err;
-    EXPECT_EQ(summary(suite), "s: testcase 1, 1/2 checks succeeded, 1 failed\n"
-                              "s: 0/1 test cases (1/2 checks) succeeded, 1 (1) failed\n");
+    EXPECT_EQ(errors_of(zq_test_summary, suite, 0),
+              "s: testcase 1, 1/2 checks succeeded, 1 failed\n"
+              "s: 0/1 test cases (1/2 checks) succeeded, 1 (1) failed\n");
 }
 
 TEST(zqtest, command_line)
@@ -152,13 +148,13 @@ TEST(zqtest, xml_report)
     FakeClock clock;
     ASSERT_TRUE(add(suite, mixed, &clock) && add(suite, good, &clock));
     ASSERT_EQ(parse(suite, {"-o", file}), 0);
-    run_errors(suite, 1);
+    errors_of(zq_test_run, suite, 1);
     ASSERT_TRUE(add(suite, good, &clock));
     struct tm day = {};
     strptime("2026-01-31T23:00:00", "%Y-%m-%dT%H:%M:%S", &day);
     day.tm_isdst = -1;
     stamp_clock = mktime(&day);
-    summary(suite);
+    errors_of(zq_test_summary, suite, 0);
     const std::string outputs = "      <system-out>XXX</system-out>\n"
                                 "      <system-err>XXX</system-err>\n"
                                 "    </testcase>\n";
@@ -183,7 +179,7 @@ TEST(zqtest, xml_report)
         Suite second = create("second");
         ASSERT_TRUE(second);
         ASSERT_EQ(parse(second, {append, "-o", file}), 0);
-        summary(second);
+        errors_of(zq_test_summary, second, 0);
         EXPECT_TRUE(read_file(file).starts_with(append[1] == 'a' ? first + head : head));
     }
 
@@ -193,16 +189,16 @@ TEST(zqtest, xml_report)
     const std::string expected = "third: 0/0 test cases (0/0 checks) succeeded, 0 (0) failed\n";
     const std::string missing = scratch.file("no/such/directory");
     ASSERT_EQ(parse(third, {"-o", missing}), 0);
-    EXPECT_EQ(summary(third, -1), expected);
+    EXPECT_EQ(errors_of(zq_test_summary, third, -1), expected);
     EXPECT_EQ(log.take(),
               (Lines{{7, "unable to open file '" + missing + "' for writing, error 2"}}));
     ASSERT_EQ(parse(third, {"-o", "/dev/full"}), 0);
-    EXPECT_EQ(summary(third, -1), expected);
+    EXPECT_EQ(errors_of(zq_test_summary, third, -1), expected);
     EXPECT_EQ(log.take(), (Lines{{7, "unable to write file '/dev/full', error 28"}}));
     // A time beyond the years that fit.
     ASSERT_EQ(parse(third, {"-o", file}), 0);
     stamp_clock = std::numeric_limits<time_t>::max();
-    EXPECT_EQ(summary(third, -1), expected);
+    EXPECT_EQ(errors_of(zq_test_summary, third, -1), expected);
     stamp_clock = -1;
     EXPECT_EQ(log.take(), (Lines{{7, "local time conversion failed"}}));
 }

@@ -2,7 +2,6 @@
 #include "zq/util/zqthread.h"
 
 #include <cerrno>
-#include <gtest/gtest.h>
 
 #include "tests/support/expect.h"
 #include "tests/support/log_capture.h"
@@ -20,22 +19,6 @@ using RwLock = Owned<zqrwlock, zq_rwlock_destroy>;
 static void *add_one(void *context)
 {
     return static_cast<char *>(context) + 1;
-}
-
-TEST(zqthread, hands_the_result_to_the_joiner)
-{
-    char place[2];
-    Thread thread(zq_thread_create());
-    ASSERT_TRUE(thread);
-    ASSERT_EQ(zq_thread_start(thread.get(), add_one, place), 0);
-    void *result = nullptr;
-    EXPECT_EQ(zq_thread_join(thread.get(), &result), 0);
-    EXPECT_EQ(result, place + 1);
-
-    Thread other(zq_thread_create());
-    ASSERT_TRUE(other);
-    ASSERT_EQ(zq_thread_start(other.get(), add_one, place), 0);
-    EXPECT_EQ(zq_thread_join(other.get(), nullptr), 0);
 }
 
 TEST(zqthread, failures_leave_the_state_as_it_was)
@@ -136,30 +119,12 @@ static void run_together(void *(*routine)(void *), Shared *shared)
     EXPECT_EQ(started, Shared::THREADS);
 }
 
-static void *count_under_mutex(void *context)
+template <class Lock, auto Shared::*lock>
+static void *count_under(void *context)
 {
     auto *shared = static_cast<Shared *>(context);
     for (int i = 0; i < Shared::ROUNDS; i++) {
-        mutex_lock lock(shared->mutex);
-        shared->value++;
-    }
-    return nullptr;
-}
-
-TEST(zqmutex, excludes)
-{
-    Mutex mutex(zq_mutex_create());
-    ASSERT_TRUE(mutex);
-    Shared shared{.mutex = mutex.get()};
-    run_together(count_under_mutex, &shared);
-    EXPECT_EQ(shared.value, Shared::THREADS * Shared::ROUNDS);
-}
-
-static void *count_under_write_lock(void *context)
-{
-    auto *shared = static_cast<Shared *>(context);
-    for (int i = 0; i < Shared::ROUNDS; i++) {
-        write_lock lock(shared->rwlock);
+        Lock guard(shared->*lock);
         shared->value++;
     }
     return nullptr;
@@ -178,16 +143,18 @@ static void *read_together(void *context)
     return nullptr;
 }
 
-TEST(zqrwlock, writers_exclude_and_readers_share)
+TEST(zqlocks, writers_exclude_and_readers_share)
 {
+    Mutex mutex(zq_mutex_create());
     RwLock rwlock(zq_rwlock_create());
     Cond cond(zq_cond_create());
-    ASSERT_TRUE(rwlock && cond);
-    Shared shared{.cond = cond.get(), .rwlock = rwlock.get()};
-    run_together(count_under_write_lock, &shared);
+    ASSERT_TRUE(mutex && rwlock && cond);
+    Shared shared{.mutex = mutex.get(), .cond = cond.get(), .rwlock = rwlock.get()};
+    run_together(count_under<mutex_lock, &Shared::mutex>, &shared);
+    run_together(count_under<write_lock, &Shared::rwlock>, &shared);
     if (faults_injected())
         return; // a reader that cannot be started would leave the others waiting
-    EXPECT_EQ(shared.value, Shared::THREADS * Shared::ROUNDS);
+    EXPECT_EQ(shared.value, 2 * Shared::THREADS * Shared::ROUNDS);
     run_together(read_together, &shared);
 }
 
