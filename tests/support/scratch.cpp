@@ -2,7 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -30,7 +30,9 @@ std::string Scratch::write(const std::string &name, const std::string &content) 
 std::string read_file(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+    std::ostringstream content;
+    content << in.rdbuf();
+    return std::move(content).str();
 }
 
 ScratchPlace::ScratchPlace(const std::string &directory)
