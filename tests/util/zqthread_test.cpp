@@ -2,6 +2,7 @@
 #include "zq/util/zqthread.h"
 
 #include <cerrno>
+#include <semaphore>
 
 #include "tests/support/expect.h"
 #include "tests/support/log_capture.h"
@@ -44,42 +45,30 @@ TEST(zqthread, failures_leave_the_state_as_it_was)
 }
 
 namespace {
-// A thread that waits for the cond's word and leaves its identifier behind.
 struct Waiter {
-    zqcond *cond;
-    bool released = false;
-    bool started = false;
-    pthread_t identifier{};
+    std::binary_semaphore started{0}, released{0};
+    pthread_t identifier = {};
 };
 } // namespace
 
 static void *wait_for_release(void *context)
 {
     auto *waiter = static_cast<Waiter *>(context);
-    cond_lock lock(waiter->cond);
     waiter->identifier = pthread_self();
-    waiter->started = true;
-    zq_cond_broadcast(waiter->cond);
-    while (!waiter->released)
-        zq_cond_wait(waiter->cond);
+    waiter->started.release();
+    waiter->released.acquire();
     return context;
 }
 
 TEST(zqthread, destroy_leaves_the_running_thread_alone)
 {
-    Cond cond(zq_cond_create());
     Thread thread(zq_thread_create());
-    ASSERT_TRUE(cond && thread);
-    Waiter waiter{cond.get()};
+    ASSERT_TRUE(thread);
+    Waiter waiter;
     ASSERT_EQ(zq_thread_start(thread.get(), wait_for_release, &waiter), 0);
+    waiter.started.acquire();
     thread.reset();
-    {
-        cond_lock lock(cond.get());
-        while (!waiter.started)
-            zq_cond_wait(cond.get());
-        waiter.released = true;
-        zq_cond_signal(cond.get());
-    }
+    waiter.released.release();
     void *result = nullptr;
     ASSERT_EQ(pthread_join(waiter.identifier, &result), 0);
     EXPECT_EQ(result, &waiter);
