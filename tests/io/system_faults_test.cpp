@@ -105,7 +105,7 @@ static const Effect &effect_of(const Operation &operation, const SystemFault &fa
 }
 
 // All lines but the traces of what goes well.
-static std::string failures(std::vector<LogLine> lines)
+static std::string failures(Lines lines)
 {
     std::erase_if(lines, [](const LogLine &line) {
         return line.level == 13 && !line.text.starts_with("unable") &&
@@ -128,7 +128,7 @@ static std::string filled_in(std::string text, const World &world, const SystemF
 }
 
 static void expect_effect(const World &world, const Operation &operation, const SystemFault &fault,
-                          const Result &result, const std::vector<LogLine> &lines)
+                          const Result &result, const Lines &lines)
 {
     if (!fault.lasting) {
         const Effect &effect = effect_of(operation, fault);
@@ -446,11 +446,10 @@ TEST(system_faults, come_to_what_is_promised)
         if (operation.name.ends_with("save_with_backup")) // judged more closely below
             continue;
         SCOPED_TRACE(operation.name);
-        walk_system_faults<World>([&](const World &world) { return result_of(operation, world); },
-                                  [&](const World &world, const SystemFault &fault,
-                                      const Result &result, const std::vector<LogLine> &lines) {
-                                      expect_effect(world, operation, fault, result, lines);
-                                  });
+        walk_system_faults<World>(
+            [&](const World &world) { return result_of(operation, world); },
+            [&](const World &world, const SystemFault &fault, const Result &result,
+                const Lines &lines) { expect_effect(world, operation, fault, result, lines); });
     }
 }
 
@@ -509,7 +508,7 @@ TEST(system_faults, leave_the_new_or_the_previous_content)
             return saving.save(world.path("f").c_str(), new_content.data(), new_content.size());
         };
         walk_system_faults<World>(save, [&](const World &world, const SystemFault &fault,
-                                            int result, const std::vector<LogLine> &lines) {
+                                            int result, const Lines &lines) {
             const std::string call = fault.call.name + " " + base_name(fault.call.path);
             const Row *row = std::find_if(std::begin(rows), std::end(rows), [&](const Row &each) {
                 return each.call == call && each.lasting == fault.lasting && fault.outcome > 0;

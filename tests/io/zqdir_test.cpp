@@ -21,7 +21,6 @@
 #include "zq/io/zqutf8dir.h"
 
 namespace fs = std::filesystem;
-using Lines = std::vector<LogLine>;
 
 // ---- both sets, which the tests are instantiated over ----
 

@@ -39,7 +39,6 @@ extern "C" int fseek(FILE *file, long offset, int whence)
     return record->seen.size() == record->failing ? -1 : 0;
 }
 
-using Lines = std::vector<LogLine>;
 using Stream = Owned<FILE, zq_file_close>;
 
 static std::string content(const std::string &path)

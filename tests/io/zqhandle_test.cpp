@@ -10,7 +10,6 @@
 #include "tests/support/log_capture.h"
 
 using Handle = Owned<zqhandle, zq_handle_destroy>;
-using Lines = std::vector<LogLine>;
 using Timeout = std::pair<int32_t, uint32_t>;
 
 static Timeout read_timeout_of(zqhandle *handle)

@@ -13,8 +13,6 @@
 #include "tests/support/small_stack.h"
 #include "zq/io/zqrmdir.h"
 
-using Lines = std::vector<LogLine>;
-
 TEST(zqmkdir, makes_and_removes_one_directory)
 {
     mode_t mask = umask(027);

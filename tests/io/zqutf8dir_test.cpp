@@ -17,7 +17,6 @@
 #include "zq/io/zqdir.h"
 
 namespace fs = std::filesystem;
-using Lines = std::vector<LogLine>;
 using Dir = Owned<zqutf8dir, zq_utf8dir_destroy>;
 
 // The next entry's name while it is set, so that no file system stands between.

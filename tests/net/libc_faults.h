@@ -118,8 +118,7 @@ inline zqerror error_of_exchange(const SystemFault &fault)
 // Whether the exchange succeeded, as it has to or not. What is logged of a failure must end with
 // "connection failed", or for send() with what is given for each of its calls; "%" stands for the
 // error.
-inline bool expect_exchange(const SystemFault &fault, zqerror result,
-                            const std::vector<LogLine> &lines,
+inline bool expect_exchange(const SystemFault &fault, zqerror result, const Lines &lines,
                             const std::vector<std::string> &sends)
 {
     EXPECT_EQ(result, error_of_exchange(fault));

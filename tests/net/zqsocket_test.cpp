@@ -1,7 +1,6 @@
 #include "zq/net/zqsocket.h"
 
 #include <climits>
-#include <thread>
 
 #include "tests/net/libc_faults.h"
 #include "tests/net/loopback.h"
@@ -397,21 +396,6 @@ TEST_F(net_zqsocket, wakes_one_wait_for_each_call)
     EXPECT_LOG("7 unable to write to the wakeup pipe, error 11");
     local.reset();
     EXPECT_EQ(open_descriptors(), open - 1 + 2);
-}
-
-TEST_F(net_zqsocket, is_woken_by_another_thread)
-{
-    ASSERT_EQ(zq_socket_enable_wakeup(sock), 0u);
-    std::thread waker([this] {
-        for (int round = 0; round < 200; round++)
-            zq_socket_wakeup(sock);
-    });
-    // What the owner records outlives what the waker does.
-    for (int round = 0; round < 200; round++)
-        read_text(10);
-    waker.join();
-    EXPECT_EQ(zq_socket_get_error(sock), 213u);
-    EXPECT_EQ(zq_socket_poll_read(sock, 0, 0), 201u);
 }
 
 // ---- misuse ----

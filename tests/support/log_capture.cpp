@@ -9,7 +9,7 @@ std::ostream &operator<<(std::ostream &out, const LogLine &line)
     return out << "[" << line.level << "] " << line.text;
 }
 
-std::string joined(const std::vector<LogLine> &lines)
+std::string joined(const Lines &lines)
 {
     std::ostringstream out;
     for (const LogLine &line : lines)
@@ -40,7 +40,7 @@ LogCapture::~LogCapture()
     zq_log_stderr_enable(nullptr);
 }
 
-std::vector<LogLine> LogCapture::take()
+Lines LogCapture::take()
 {
     std::lock_guard lock(mutex);
     return std::move(lines);

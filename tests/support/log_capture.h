@@ -11,9 +11,10 @@ struct LogLine {
     std::string text;
     bool operator==(const LogLine &) const = default;
 };
+using Lines = std::vector<LogLine>;
 std::ostream &operator<<(std::ostream &out, const LogLine &line);
 // "[LEVEL] text; [LEVEL] text"
-std::string joined(const std::vector<LogLine> &lines);
+std::string joined(const Lines &lines);
 
 // Catches the lines of the default log, as severe as `level` or more, for its lifetime, and keeps
 // standard error quiet.
@@ -25,13 +26,13 @@ class LogCapture {
     LogCapture &operator=(const LogCapture &) = delete;
 
     // The lines since the last call.
-    std::vector<LogLine> take();
+    Lines take();
 
   private:
     static int receive(const char *message, size_t length, unsigned int level, time_t time,
                        void *userdata);
     std::mutex mutex;
-    std::vector<LogLine> lines;
+    Lines lines;
 };
 
 #endif
