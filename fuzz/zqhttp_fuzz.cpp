@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <map>
 #include <optional>
 
@@ -14,14 +13,15 @@
 
 namespace {
 struct Timer {
-    int64_t limit = -1; // in microseconds; -1: none
+    int32_t seconds = -1; // none
+    uint32_t microseconds = 0;
     int64_t start = 0;
 };
 
 struct Model {
     Input &input;
     zqhttp *http = nullptr;
-    bool stream = false, progress = false, proxy = false;
+    bool stream = false, progress = false;
     Timer full = {}, idle = {};
 
     std::string url = {};                 // the transport's next
@@ -46,10 +46,15 @@ static Model &model_of(zqhttp *http)
 
 // ---- time ----
 
+static int64_t in_microseconds(int32_t seconds, uint32_t microseconds)
+{
+    return seconds < 0 ? INT64_MAX : int64_t{seconds} * 1000000 + microseconds;
+}
+
 static int64_t time_left(const Timer &timer)
 {
-    return timer.limit < 0 ? INT64_MAX
-                           : std::max<int64_t>(0, timer.limit - (fake_time - timer.start));
+    const int64_t limit = in_microseconds(timer.seconds, timer.microseconds);
+    return limit == INT64_MAX ? limit : std::max<int64_t>(0, limit - (fake_time - timer.start));
 }
 
 static zqerror check_time(const Model &model)
@@ -59,14 +64,15 @@ static zqerror check_time(const Model &model)
                                         : ZQ_ERROR_NONE;
 }
 
-static int32_t seconds_of(const Timer &timer)
+static void pass_time(Model &model)
 {
-    return timer.limit < 0 ? -1 : static_cast<int32_t>(timer.limit / 1000000);
+    fake_time += int64_t{model.input.byte()} * 50000;
 }
 
-static uint32_t microseconds_of(const Timer &timer)
+static void reset_idle_timeout(Model &model)
 {
-    return timer.limit < 0 ? 0 : static_cast<uint32_t>(timer.limit % 1000000);
+    zq_http_reset_idle_timeout(model.http);
+    model.idle.start = fake_time;
 }
 
 static void reset_timeout(Model &model)
@@ -74,16 +80,16 @@ static void reset_timeout(Model &model)
     int32_t seconds;
     uint32_t microseconds;
     zq_http_timeout_reset(model.http, &seconds, &microseconds);
-    FUZZ_CHECK(seconds == seconds_of(model.full) && microseconds == microseconds_of(model.full));
+    FUZZ_CHECK(seconds == model.full.seconds && microseconds == model.full.microseconds);
     model.full.start = fake_time;
 }
 
-static void compare_time(const Model &model)
+static void compare_time(Model &model)
 {
     int32_t seconds;
     uint32_t microseconds;
     FUZZ_CHECK(zq_http_timeout_check(model.http, &seconds, &microseconds) == check_time(model));
-    const int64_t left = seconds < 0 ? INT64_MAX : int64_t{seconds} * 1000000 + microseconds;
+    const int64_t left = in_microseconds(seconds, microseconds);
     const int64_t expected = std::min(time_left(model.full), time_left(model.idle));
     // A report that is due within a second shortens the wait.
     FUZZ_CHECK(model.progress ? left <= std::min<int64_t>(expected, 1000000) : left == expected);
@@ -107,26 +113,6 @@ static zqerror note_download(int64_t current, int64_t total, void *context)
     return model.input.below(16) == 15 ? ZQ_ERROR_BUSY : ZQ_ERROR_NONE;
 }
 
-static zqerror note_upload(int64_t current, int64_t total, void *)
-{
-    FUZZ_CHECK(current == 0 && total == -1);
-    return ZQ_ERROR_NONE;
-}
-
-static zqerror choose_proxy(zqhttp *http, const char *scheme, const char *host, uint32_t port,
-                            void *context)
-{
-    Model &model = *static_cast<Model *>(context);
-    char *own_scheme, *own_host;
-    uint32_t own_port;
-    FUZZ_CHECK(zq_http_parse_url(model.base->c_str(), &own_scheme, &own_host, &own_port, nullptr) ==
-               ZQ_ERROR_NONE);
-    const owned_block<> owners[] = {owned_block<>(own_scheme), owned_block<>(own_host)};
-    FUZZ_CHECK(!strcmp(scheme, own_scheme) && !strcmp(host, own_host) && port == own_port);
-    FUZZ_CHECK(zq_http_set_proxy(http, host, 8080) == ZQ_ERROR_NONE);
-    return ZQ_ERROR_NONE;
-}
-
 static zqerror take_url(zqhttp *http, const char *url)
 {
     FUZZ_CHECK(model_of(http).url == url);
@@ -134,6 +120,13 @@ static zqerror take_url(zqhttp *http, const char *url)
 }
 
 // ---- the transport ----
+
+static void set_status(Model &model)
+{
+    static const int32_t statuses[] = {200, 301, 302, 404, 300, 303, 307};
+    model.status = statuses[model.input.below(7)];
+    zq_http_set_status_code(model.http, model.status);
+}
 
 static void write_header(Model &model)
 {
@@ -172,6 +165,18 @@ static void write_body(Model &model)
     FUZZ_CHECK(model.body.substr(size) == piece);
 }
 
+static void abort_transfer(Model &model)
+{
+    zq_http_abort(model.http);
+    FUZZ_CHECK(zq_http_is_aborted(model.http) == 1);
+}
+
+static void check_progress(Model &model)
+{
+    zq_http_progress_upload_check(model.http);
+    zq_http_progress_download_check(model.http);
+}
+
 // ---- the transfer ----
 
 static std::optional<std::string> base_of(const std::string &url)
@@ -191,9 +196,6 @@ static zqerror expect_attempt(Model &model)
         model.body.clear();
     if (const zqerror late = check_time(model); late != ZQ_ERROR_NONE)
         return late;
-    if (model.proxy && model.base &&
-        zq_http_parse_url(model.base->c_str(), nullptr, nullptr, nullptr, nullptr) != 0)
-        return ZQ_ERROR_INVALID_ARGUMENT;
     model.again = true;
     return ZQ_ERROR_NONE;
 }
@@ -218,47 +220,14 @@ static zqerror expect_redirect(Model &model)
 
 static zqerror act(Model &model)
 {
-    static const int32_t statuses[] = {200, 301, 302, 404};
     static const zqerror errors[] = {ZQ_ERROR_CONNECTION_RESET, ZQ_ERROR_CANCELED};
-    for (;;) {
-        switch (model.input.below(11)) {
-        case 0:
-            return ZQ_ERROR_NONE;
-        case 1:
-            return errors[model.input.below(2)];
-        case 2:
-            model.status = statuses[model.input.below(4)];
-            zq_http_set_status_code(model.http, model.status);
-            break;
-        case 3:
-            write_header(model);
-            break;
-        case 4:
-            write_body(model);
-            break;
-        case 5:
-            fake_time += int64_t{model.input.byte()} * 50000;
-            break;
-        case 6:
-            compare_time(model);
-            break;
-        case 7:
-            zq_http_reset_idle_timeout(model.http);
-            model.idle.start = fake_time;
-            break;
-        case 8:
-            reset_timeout(model);
-            break;
-        case 9:
-            zq_http_abort(model.http);
-            FUZZ_CHECK(zq_http_is_aborted(model.http) == 1);
-            break;
-        case 10:
-            zq_http_progress_upload_check(model.http);
-            zq_http_progress_download_check(model.http);
-            break;
-        }
-    }
+    static void (*const actions[])(Model &) = {set_status,    write_header,   write_body,
+                                               pass_time,     compare_time,   reset_idle_timeout,
+                                               reset_timeout, abort_transfer, check_progress};
+    unsigned int action;
+    while ((action = model.input.below(11)) > 1)
+        actions[action - 2](model);
+    return action == 0 ? zqerror{ZQ_ERROR_NONE} : errors[model.input.below(2)];
 }
 
 static zqerror exchange(zqhttp *http)
@@ -326,19 +295,16 @@ static zqhttp *make_client(Model &model)
 
 static void configure(Model &model)
 {
-    static const int64_t limits[] = {-1, 0, 500000, 3000001};
+    static const Timer limits[] = {{-1, 0}, {0, 0}, {0, 500000}, {3, 1}};
     zqhttp *http = model.http;
     model.stream = model.input.below(2);
     model.progress = model.input.below(2);
-    model.proxy = model.input.below(2);
-    model.full.limit = limits[model.input.below(4)];
-    model.idle.limit = limits[model.input.below(4)];
+    model.full = limits[model.input.below(4)];
+    model.idle = limits[model.input.below(4)];
     zq_http_set_response_body_callback(http, model.stream ? take_body : nullptr, &model);
-    zq_http_set_progress_callbacks(http, model.progress ? note_upload : nullptr, &model,
-                                   model.progress ? note_download : nullptr, &model);
-    zq_http_set_proxy_callback(http, model.proxy ? choose_proxy : nullptr, &model);
-    zq_http_set_timeout(http, seconds_of(model.full), microseconds_of(model.full));
-    zq_http_set_idle_timeout(http, seconds_of(model.idle), microseconds_of(model.idle));
+    zq_http_set_download_progress_callback(http, model.progress ? note_download : nullptr, &model);
+    zq_http_set_timeout(http, model.full.seconds, model.full.microseconds);
+    zq_http_set_idle_timeout(http, model.idle.seconds, model.idle.microseconds);
 
     const std::string method = model.input.text();
     zq_http_set_method(http, method.c_str());

@@ -142,18 +142,6 @@ TEST_F(icap_interop, unchanged_content_may_be_answered_by_204)
     EXPECT_EQ(zq_icap_get_status_code(icap.get()), 204);
 }
 
-TEST_F(icap_interop, many_exchanges_leave_no_descriptor)
-{
-    Icap icap = client();
-    size_t descriptors = open_descriptors();
-    for (int i = 0; i < 100; i++) {
-        set_request(icap.get(), "body " + std::to_string(i));
-        expect_echo(icap.get(), "body " + std::to_string(i));
-        zq_icap_reset(icap.get());
-    }
-    EXPECT_EQ(open_descriptors(), descriptors);
-}
-
 TEST_F(icap_interop, threads_do_not_disturb_each_other)
 {
     std::vector<std::thread> threads;

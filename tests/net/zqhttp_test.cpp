@@ -3,15 +3,12 @@
 #include <functional>
 #include <tuple>
 
-#include "tests/support/expect.h"
+#include "tests/net/http.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/faults.h"
 #include "tests/support/heap.h"
 #include "tests/support/scratch.h"
 
-using Http = Owned<zqhttp, zq_http_destroy>;
-using Lines = std::vector<LogLine>;
-using Reports = std::vector<std::pair<int64_t, int64_t>>;
 using Time = std::pair<int32_t, uint32_t>;
 
 // ---- URLs ----
@@ -19,14 +16,8 @@ using Time = std::pair<int32_t, uint32_t>;
 TEST(zqhttp, parses_urls)
 {
     const std::pair<const char *, const char *> rows[] = {
-        {"http://example:8080/a/b?c=d#e", "http example 8080 /a/b?c=d#e"},
-        {"icap://srv/reqmod", "icap srv 1344 /reqmod"},
-        {"https://h", "https h 443 /"},
-        {"ftp://h//x", "ftp h 21 //x"},
-        {"http://user:pw@host:81/", "http host 81 /"},
+        {"http://user:pw@example:8080/a/b?c=d#e", "http example 8080 /a/b?c=d#e"},
         {"http://a@b@c/@:x:y", "http c 80 /@:x:y"},
-        {"://:65535/", "  65535 /"},
-        {"http://h?x=1", "http h?x=1 80 /"},
         {"http://h: +80/", "http h 80 /"}, // as strtoul() reads numbers
         {"HTTP://h/", "HTTP h 0 /"}};
     LogCapture log(13);
@@ -49,17 +40,12 @@ TEST(zqhttp, parses_urls)
 
 TEST(zqhttp, rejects_urls)
 {
-    const char *bad_port = "the port number must be between 1-65535";
     const std::pair<const char *, const char *> rows[] = {
         {"plain", "URL 'plain' has no colon after scheme"},
         {"http:/h", "URL 'http:/h' has no :// after scheme"},
-        {"http://[::1]:80/", "URL 'http://[::1]:80/' has two colons in hostname or username"},
         {"http://a:1:2@c/", "URL 'http://a:1:2@c/' has two colons in hostname or username"},
-        {"http://h:/", bad_port},
-        {"http://h:65536/", bad_port},
-        {"http://h:18446744073709551617/", bad_port},
-        {"http://h:80x/", "invalid character 'x' in port number"},
-        {"http://h:80?x", "invalid character '?' in port number"}};
+        {"http://h:65536/", "the port number must be between 1-65535"},
+        {"http://h:80x/", "invalid character 'x' in port number"}};
     for (const auto &[url, line] : rows) {
         char *scheme, *host, *query;
         uint32_t port;
@@ -75,12 +61,6 @@ TEST(zqhttp, rejects_urls)
 
 static zqerror discard(const void *, size_t, void *)
 {
-    return ZQ_ERROR_NONE;
-}
-
-static zqerror report(int64_t current, int64_t total, void *reports)
-{
-    static_cast<Reports *>(reports)->emplace_back(current, total);
     return ZQ_ERROR_NONE;
 }
 
@@ -132,13 +112,6 @@ static Script::Step reply(int status, const char *location = nullptr,
                 result ? result : zq_http_write_response_body(http, piece.data(), piece.size());
         return result;
     };
-}
-
-static std::string body_of(zqhttp *http)
-{
-    char *text;
-    const zqerror result = zq_http_get_response_body(http, &text);
-    return result == ZQ_ERROR_NONE ? ZqString(text).get() : "(none)";
 }
 
 class zqhttp_request : public testing::Test {
@@ -213,28 +186,9 @@ TEST_F(zqhttp_request, the_transport_sees_a_url_first)
                      {6, "The HTTP implementation does not support performing an operation"}}));
 }
 
-TEST_F(zqhttp_request, follows_redirects)
+TEST_F(zqhttp_request, redirects_that_lead_nowhere)
 {
-    const std::tuple<const char *, const char *, const char *> rows[] = {
-        {"http://h:81/a", "/next", "http://h:81/next"},
-        {"http://u@h?x", "/", "http://u@h?x/"},
-        {"http://h/a", "http://i/b", "http://i/b"},
-        {"http://h/a", "//i/b", "http://h//i/b"}};
-    for (const auto &[url, location, next] : rows) {
-        script.urls.clear();
-        zq_http_set_url(http, url);
-        if (perform({reply(301, location, {"moved"}), reply(200)}) == ZQ_ERROR_NO_MEMORY)
-            continue;
-        EXPECT_EQ(script.urls, (std::vector<std::string>{url, next}));
-        // Nothing of the redirect itself is left.
-        EXPECT_EQ(zq_http_get_response_header(http, "location"), nullptr);
-        EXPECT_EQ(body_of(http), "(none)");
-    }
-    for (int status : {200, 300, 303, 307, 404}) {
-        EXPECT_EQ(perform({reply(status, "/x")}), ZQ_ERROR_NONE);
-        EXPECT_EQ(zq_http_get_status_code(http), status);
-        EXPECT_EQ(script.performed, 1u);
-    }
+    zq_http_set_url(http, "http://h/");
     EXPECT_EQ(perform({reply(302, "/x")}), ZQ_ERROR_OUT_OF_RANGE);
     EXPECT_EQ(script.performed, 10u);
     EXPECT_EQ(zq_http_get_status_code(http), 302);
@@ -309,31 +263,9 @@ TEST_F(zqhttp_request, keeps_the_body_in_memory_or_streams_it)
     EXPECT_EQ(body_of(http), "(none)");
 }
 
-TEST_F(zqhttp_request, header_numbers)
-{
-    const std::tuple<const char *, zqerror, int32_t> rows[] = {
-        {"12", 0, 12},
-        {" -5 apples", 0, -5},
-        {"x", 0, 0},
-        {"2147483647", 0, INT32_MAX},
-        {"-2147483648", 0, INT32_MIN},
-        {"2147483648", ZQ_ERROR_OUT_OF_RANGE, -1},
-        {"99999999999999999999", ZQ_ERROR_OUT_OF_RANGE, -1},
-        {nullptr, ZQ_ERROR_NOT_FOUND, -1}};
-    for (const auto &[value, result, expected] : rows) {
-        int32_t number = 7;
-        if (zq_http_write_response_header(http, "N", value) != ZQ_ERROR_NONE)
-            continue;
-        EXPECT_EQ(zq_http_get_response_header_int(http, "n", &number), result);
-        EXPECT_EQ(number, expected);
-    }
-}
-
 TEST_F(zqhttp_request, the_content_length_is_the_download_total)
 {
     const std::tuple<const char *, int64_t, const char *> rows[] = {
-        {"12 abc", 12, nullptr},
-        {"", 0, nullptr},
         {"9223372036854775807", INT64_MAX, nullptr},
         {"-1", -1, "the Content-LENGTH header contains a value '-1' with non-digits"},
         {"9223372036854775808", -1,
@@ -403,10 +335,7 @@ TEST_F(zqhttp_request, waits_are_as_short_as_the_nearest_limit)
         int64_t passed;
         zqerror result;
         Time left;
-    } rows[] = {{{-1, 0}, {-1, 0}, false, 5000000, 0, {-1, 0}},
-                {{-1, 0}, {30, 0}, false, 1500000, 0, {28, 500000}},
-                {{20, 3}, {20, 2}, false, 1, 0, {20, 1}},
-                {{20, 0}, {30, 0}, false, 1, 0, {19, 999999}},
+    } rows[] = {{{20, 3}, {20, 2}, false, 1, 0, {20, 1}},
                 {{20, 0}, {30, 0}, true, 400000, 0, {0, 600000}},
                 {{0, 500000}, {30, 0}, true, 400000, 0, {0, 100000}},
                 {{20, 0}, {30, 0}, true, 1000000, 0, {0, 0}},
@@ -604,7 +533,9 @@ TEST(zqhttp, lines_without_memory)
         lines.step(zq_http_set_method(http.get(), "PROPFIND"));
         script.steps = {reply(302, "/a"), reply(200, nullptr, {"body"})};
         lines.step(zq_http_perform(http.get()));
-        lines.step(body_of(http.get()));
+        char *text;
+        lines.step(zq_http_get_response_body(http.get(), &text));
+        const ZqString owner(text);
     }
 }
 

@@ -7,7 +7,6 @@
 
 using namespace std::string_view_literals;
 using Headers = Owned<zqhttpheaders, zq_httpheaders_destroy>;
-using Lines = std::vector<LogLine>;
 
 TEST(zqhttpheaders, parses_blocks)
 {
@@ -24,15 +23,11 @@ TEST(zqhttpheaders, parses_blocks)
         {parse,
          "Name:  a b \r\nX :\t1\r\n\r\nY: 2",
          {{"name", "a b"}, {"x ", "1"}, {"y", nullptr}}},
-        {parse, "A: 1\nA: 2\n", {{"a", "2"}}},
-        {parse, "X:\r\nY: \t \n:v\nA:b:c", {{"x", ""}, {"y", ""}, {"", "v"}, {"a", "b:c"}}},
         {parse, "A: 1\rB: 2\nC: 3\n\rD: 4", {{"b", "2"}, {"c", "3"}, {"d", nullptr}}},
         {parse, "A: 1\r\r\nB: 2", {{"a", "1"}, {"b", nullptr}}},
         {parse, "A: 1\0B: 2"sv, {{"a", "1"}, {"b", nullptr}}},
         {parse, "A: 1\n\0\nB: 2"sv, {{"a", "1"}, {"b", nullptr}}},
-        {parse, "A: 1\n folded: x\n", {{"a", "1"}, {" folded", "x"}}},
         {parse, "A: 1\n\tfolded\nB: 2", {{"a", "1"}, {"b", nullptr}}, {no_colon}},
-        {parse, "", {}},
         {parse, "\r\nA: 1", {{"a", nullptr}}},
         {parse, "HTTP/1.1 200 OK\r\nA: 1\r\n\r\n", {{"a", nullptr}}, {no_colon}},
         {message, "HTTP/1.1 200 OK\r\nA: 1\r\n\r\n", {{"a", "1"}}, {skipped}},
@@ -53,22 +48,6 @@ TEST(zqhttpheaders, parses_blocks)
         for (const auto &[name, value] : row.fields)
             EXPECT_STREQ(zq_httpheaders_get(headers.get(), name), value) << name;
     }
-}
-
-TEST(zqhttpheaders, keeps_the_last_value_under_the_lowered_name)
-{
-    Headers headers(zq_httpheaders_create());
-    ASSERT_TRUE(headers);
-    const std::pair<const char *, const char *> values[] = {
-        {"X-\xC3\x84", "1"}, {"x-\xC3\x84", "2"}, {"X", nullptr}, {"x", "set"}, {"X", nullptr}};
-    for (const auto &[name, value] : values) {
-        EXPECT_EQ(zq_httpheaders_add(headers.get(), name, value), ZQ_ERROR_NONE);
-        EXPECT_STREQ(zq_httpheaders_get(headers.get(), name), value);
-    }
-    EXPECT_STREQ(zq_httpheaders_get(headers.get(), "X-\xC3\x84"), "2");
-    EXPECT_EQ(zq_httpheaders_clear(headers.get()), ZQ_ERROR_NONE);
-    EXPECT_EQ(zq_httpheaders_get(headers.get(), "X-\xC3\x84"), nullptr);
-    EXPECT_EQ(zq_httpheaders_add(headers.get(), "x", nullptr), ZQ_ERROR_NONE);
     EXPECT_MISUSE(zq_httpheaders_parse_from_message(nullptr, "", 0), "net/zqhttpheaders",
                   "zq_httpheaders_parse_from_message", "zqhttpheaders != NULL");
 }
