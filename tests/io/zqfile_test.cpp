@@ -251,6 +251,10 @@ TEST(zqfile, saves_and_loads_whole_files)
             EXPECT_EQ(set.load(name.c_str(), &loaded, nullptr), 0);
             owner.reset(loaded);
         }
+        char *loaded = const_cast<char *>("");
+        size_t len = 77;
+        EXPECT_EQ(set.load(scratch.path().c_str(), &loaded, &len), -1) << "a directory";
+        EXPECT_TRUE(loaded == nullptr && len == 0);
     }
     for (const SystemCall &call : calls.seen)
         EXPECT_TRUE(call.name != "open" || call.flags & O_CLOEXEC);

@@ -93,17 +93,18 @@ struct Exchange {
     std::string url, request;
     Lines lines;
 
-    Exchange(Parts parts, const std::string &reply)
+    Exchange(Parts parts, const std::string &reply,
+             ScriptedServer::Ending ending = ScriptedServer::CLOSE)
     {
         zq_signal_ignore_sigpipe();
         LogCapture log(8);
-        ScriptedServer server(reply);
+        ScriptedServer server(reply, 0, ending);
         url = "icap://127.0.0.1:" + std::to_string(server.port()) + "/s?x";
         icap.reset(zq_icap_create());
         if (!icap)
             return;
         zq_icap_set_url(icap.get(), url.c_str());
-        zq_icap_set_timeout(icap.get(), 10, 0);
+        zq_icap_set_timeout(icap.get(), ending == ScriptedServer::STALL ? 0 : 10, 100000);
         prepare(icap.get(), parts);
         error = zq_icap_perform(icap.get());
         request = server.request();
@@ -282,6 +283,15 @@ TEST(zqicap, encapsulated_headers_that_break_the_protocol)
     expect(reqmod, "req-hdr=0", "no body for REQMOD in encapsulated: %");
     expect(respmod, "res-hdr=3, res-body=9",
            "XXX UNSUPPORTED: non-zero encapsulated body header offset: %", 205);
+}
+
+TEST(zqicap, a_server_that_falls_silent_is_given_up)
+{
+    Exchange exchange(respmod, reply("res-body=0", "5\r\nhe"), ScriptedServer::STALL);
+    if (faults_injected())
+        return;
+    EXPECT_EQ(exchange.error, ZQ_ERROR_TIMED_OUT + 0u);
+    EXPECT_FALSE(exchange.lines.empty());
 }
 
 // Neither side has room for what the other sends, so each waits for the other to read.
