@@ -30,6 +30,7 @@ TEST(zqxml, reads_and_writes_trees)
         {"<abc d=\"e\"/>", "<abc d=\"e\"/a>\n"},
         {"<a/>\n", "<a/a>\n<?>\n"},
         {"<a></a?>", "<aa>\n"},
+        {"<a\tb></a\tb>", "<a\tba>\n"},
         {"<a>v<b>w</b> \r\n<b/></a>", "<a>\n  v\n  <b>\n    w\n  </b>\n  <b/b>\n</a>\n"},
         {"v<a></a>", "<a>\n  v\n</a>\n"},
         {"<a>1</a></b>anything >", "<a>\n  1\n</a>\n"},

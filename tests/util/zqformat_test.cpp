@@ -15,9 +15,9 @@ TEST(zqformat, what_is_not_given_is_left_out_and_logged)
     const std::string in = " format string '";
     const std::tuple<const char *, const char *, std::string> rows[] = {
         {"%%%a%%%", "%1%", ""},
-        {"<%z%,%a%,% a%>", "<,1,>",
-         "[6] no variable 'z' given for" + in + "<%z%,%a%,% a%>'; [6] no variable ' a' given for" +
-             in + "<%z%,%a%,% a%>'"},
+        {"<%ab%,%a%,% a%>", "<,1,>",
+         "[6] no variable 'ab' given for" + in +
+             "<%ab%,%a%,% a%>'; [6] no variable ' a' given for" + in + "<%ab%,%a%,% a%>'"},
         {"%", "%", "[6] unterminated variable '' in" + in + "%'"},
         {"%a%%b", "1%b", "[6] unterminated variable 'b' in" + in + "%a%%b'"},
         {"%s%d", "d", "[6] no variable 's' given for" + in + "%s%d'"}}; // no printf conversions

@@ -74,7 +74,8 @@ TEST(zqgetopt, refused_command_lines)
     LogCapture log;
     for (const auto &row : rows) {
         SCOPED_TRACE(row.line);
-        EXPECT_EQ(parse(getopt, "-v file"), 0);
+        EXPECT_EQ(parse(getopt, "-p 010 file"), 0);
+        EXPECT_EQ(values.port, 10);
         testing::internal::CaptureStderr();
         CHECK_PROMISE(parse(getopt, row.line) == -1 && zq_getopt_optind(getopt.get()) == 0);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), row.err);

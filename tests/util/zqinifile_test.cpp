@@ -100,6 +100,7 @@ TEST(zqinifile, sets_values)
         {"a = 0\n", nullptr, " a\t", " 1 ", "a=1\n"},
         {"a=0\na=0\nb=0\n", nullptr, "a", "1", "a=0\na=1\nb=0\n"},
         {"; top\n\n[s]\na=0\n", nullptr, "a", "1", "; top\na=1\n\n[s]\na=0\n"},
+        {"a=0\n[st]\na=0\n", "s", "a", "1", "a=0\n[st]\na=0\n[s]\na=1\n"},
         {"b=0\n; end\n", nullptr, "a", "1", "b=0\na=1\n; end\n"},
         {"[s]\n; none\n\n[t]\n", "s", "b", "1", "[s]\nb=1\n; none\n\n[t]\n"},
         {"[t]\nb=0", "s", "a", "1", "[t]\nb=0\n[s]\na=1\n"},

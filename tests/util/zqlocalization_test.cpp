@@ -89,7 +89,8 @@ TEST(zqlocalization, says_what_it_does_not_understand)
     // In the lines logged, @ stands for the name of the file.
     const std::pair<const char *, const char *> rows[] = {
         {"# a\nmsgid \"a\"\r\n\"\\n\"\nmsgstr \"\"\n", ""},
-        {"msgstr \"x\"\nmsgid \"a\"\n", "[6] msgstr without preceeding msgid in @ line 1"},
+        {"msgstr \"x\"\nmsgid \"last\"\nmsgstr \"b\"\n",
+         "[6] msgstr without preceeding msgid in @ line 1"},
         {"msgid \"a\"\nmsgstr \"b\"\nmsgstr \"c\"\n",
          "[6] msgstr without preceeding msgid in @ line 3"},
         {"\"x\"\n", "[6] a continuation line without preceeding msgid in @ line 1"},
@@ -110,6 +111,7 @@ TEST(zqlocalization, says_what_it_does_not_understand)
         std::string lines = joined(take(log));
         CHECK_PROMISE(result == ZQ_ERROR_NONE || !lines.empty());
         EXPECT_EQ(result, *expected ? ZQ_ERROR_SYNTAX + 0u : 0u) << text;
+        EXPECT_EQ(translation(set, "de", "last"), "none") << "an error costs the last pair";
         for (size_t at; (at = lines.find(file)) != lines.npos;)
             lines.replace(at, file.size(), "@");
         EXPECT_EQ(lines, *expected ? expected + failed : "") << text;

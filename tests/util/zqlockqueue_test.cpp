@@ -39,6 +39,8 @@ TEST(zqlockqueue, the_end_mark_closes_for_pushes_and_lets_pops_drain)
     zqerror push_result = zq_lockqueue_push(queue.get(), item(4));
     EXPECT_TRUE(push_result == 203u || (faults_injected() && push_result == 12u));
     EXPECT_EQ(zq_lockqueue_push_element(queue.get(), element.get()), 203u);
+    zq_lockqueue_element_set_item(element.get(), item(4));
+    EXPECT_EQ(number(zq_lockqueue_element_get_item(element.get())), 4u);
     EXPECT_EQ(number(zq_lockqueue_pop(queue.get(), &error)), 1u);
     EXPECT_EQ(error, 0u);
     EXPECT_EQ(zq_lockqueue_pop(queue.get(), &error), nullptr);
