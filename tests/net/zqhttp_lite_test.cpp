@@ -153,19 +153,24 @@ struct Prepared {
 };
 } // namespace
 
+// What fails on the way of its request.
+static const std::string sends[] = {"sending request failed",
+                                    "unable to send header 'A: 1'",
+                                    "unable to send header 'A: 1' end of line",
+                                    "unable to send content length",
+                                    "unable to send end of headers",
+                                    "unable to send the request body"};
+
 // But for connect(): a TCP handle asserts that it does not fail at once.
 TEST(zqhttp_lite_system, calls_may_fail_anywhere)
 {
-    std::vector<std::string> sends;
-    for (const char *step :
-         {"sending request failed", "unable to send header 'A: 1'",
-          "unable to send header 'A: 1' end of line", "unable to send content length",
-          "unable to send end of headers", "unable to send the request body"})
-        sends.push_back(std::string("[7] unable to send data, error %; [7] ") + step + ", error %");
+    std::vector<std::string> ends;
+    for (const std::string &send : sends)
+        ends.push_back("[7] unable to send data, error %; [7] " + send + ", error %");
     walk_system_faults<Prepared>(
         [](Prepared &world) { return zq_http_perform(world.http.get()); },
         [&](Prepared &world, const SystemFault &fault, zqerror result, const Lines &lines) {
-            if (!expect_exchange(fault, result, lines, sends))
+            if (!expect_exchange(fault, result, lines, ends))
                 return;
             EXPECT_EQ(body_of(world.http.get()), "hello");
             EXPECT_TRUE(world.server.request().ends_with("A: 1\r\nContent-Length: 4\r\n\r\nbody"));
@@ -352,6 +357,40 @@ TEST_F(zqhttp_lite, the_transfer_limit_starts_afresh_with_each_read_of_the_body)
 }
 
 // ---- abort ----
+
+TEST_F(zqhttp_lite, time_may_be_over_anywhere)
+{
+    if (faults_injected())
+        return;
+    std::set<std::string> found;
+    for (const bool idle : {false, true}) {
+        for (int32_t seconds = 0; seconds < 60; seconds++) {
+            Prepared world;
+            FakeClock clock;
+            clock.advance_with_each_read(1000000);
+            const auto limit = idle ? zq_http_set_idle_timeout : zq_http_set_timeout;
+            limit(world.http.get(), seconds, 0);
+            log.take();
+            const zqerror result = zq_http_perform(world.http.get());
+            const std::string lines = joined(log.take());
+            EXPECT_EQ(result == ZQ_ERROR_NONE, lines.empty());
+            found.insert(lines);
+        }
+    }
+    const std::string full = "[7] the full transfer timer expired; ",
+                      over = "[7] a timeout occurred",
+                      idle_over = "[7] idle timeout occurred; " + over;
+    std::set<std::string> expected = {"", idle_over, full + over, full + over + "; " + full + over,
+                                      idle_over +
+                                          "; [7] sending request failed, error 201 (timed out)"};
+    for (const char *read : {"reading HTTP status code failed", "unable to read HTTP headers"})
+        expected.insert(full + "[7] checking timeout, error 62 (timer expired); [7] " + read +
+                        ", error 62 (timer expired)");
+    for (const std::string &send : sends)
+        expected.insert(full + full + "[7] " + send + ", error 62 (timer expired)");
+    for (const std::string &lines : expected)
+        EXPECT_TRUE(found.contains(lines)) << lines;
+}
 
 TEST_F(zqhttp_lite, aborts_wherever_a_callback_says_so)
 {
