@@ -12,10 +12,13 @@
 #include "tests/support/process.h"
 #include "tests/support/scratch.h"
 #include "tests/support/small_stack.h"
+#include "tests/support/system_calls.h"
+
+DEFINE_SYSTEM_CALL(locale_t, newlocale, (int mask, const char *name, locale_t base), "", 0,
+                   (mask, name, base), noexcept)
 
 namespace {
 using Json = Owned<zqjson, zq_json_destroy>;
-using Lines = std::vector<LogLine>;
 
 // The lines of the JSON functions; the hash tables below trace as well.
 Lines lines_of(LogCapture &log)
@@ -257,6 +260,16 @@ TEST(zqjson, numbers_do_not_depend_on_the_locale)
 }
 
 // ---- depth and length ----
+
+TEST(zqjson, numbers_need_the_c_locale)
+{
+    LogCapture log;
+    SystemCalls calls(failing("newlocale", ENOMEM));
+    EXPECT_FALSE(parsed("[0.123456789123456789]"));
+    if (!faults_injected()) {
+        EXPECT_EQ(log.take(), (Lines{{7, "not enough memory for the C locale"}}));
+    }
+}
 
 TEST(zqjson, any_depth_and_length_on_a_small_stack)
 {

@@ -5,7 +5,6 @@
 #include "tests/support/expect.h"
 #include "tests/support/faults.h"
 
-using Lines = std::vector<LogLine>;
 using Wide = std::basic_string<wchar_t>;
 
 using WideOwner = std::unique_ptr<wchar_t, ZqFree>;

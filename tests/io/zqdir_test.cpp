@@ -373,7 +373,7 @@ TEST(zqdir, lines_without_memory_of_removal)
         Scratch scratch;
         // Names that the text of a path has to grow for.
         const std::string name(200, 'n');
-        fs::create_directories(scratch.file("top/" + name + "/b"));
+        fs::create_directories(scratch.file("top/" + name + "/" + name + "/b"));
         scratch.write("top/" + name + "/" + name + "m", "");
         bool removed = remove(scratch.file("top").c_str()) == 0;
         CHECK_PROMISE(removed != fs::exists(scratch.file("top")));

@@ -285,13 +285,27 @@ TEST(zqicap, encapsulated_headers_that_break_the_protocol)
            "XXX UNSUPPORTED: non-zero encapsulated body header offset: %", 205);
 }
 
-TEST(zqicap, a_server_that_falls_silent_is_given_up)
+TEST(zqicap, a_reply_that_stops_coming_is_given_up)
 {
-    Exchange exchange(respmod, reply("res-body=0", "5\r\nhe"), ScriptedServer::STALL);
     if (faults_injected())
         return;
-    EXPECT_EQ(exchange.error, ZQ_ERROR_TIMED_OUT + 0u);
-    EXPECT_FALSE(exchange.lines.empty());
+    for (const auto &[value, part, what] :
+         {std::tuple("res-body=0", "5\r\nhe", "encapsulated chunked body"),
+          {"res-hdr=0, null-body=9", "abc", "icap header"}}) {
+        const Exchange silent(respmod, reply(value, part), ScriptedServer::STALL);
+        EXPECT_EQ(joined(silent.lines),
+                  std::string("[7] a timeout occurred; [6] unable to read ") + what);
+    }
+    recv_waits = true;
+    SystemCalls calls([](const SystemCall &call) {
+        return call.name == "recv" && call.nth > 1 ? EIO : PASS; // the handle tries once more
+    });
+    const Exchange failed(respmod, reply("res-hdr=0, null-body=8192", std::string(8192, 'h')));
+    recv_waits = false;
+    EXPECT_EQ(failed.error, ZQ_ERROR_GENERIC + 0u);
+    EXPECT_TRUE(joined(failed.lines)
+                    .ends_with("; [7] unable to read encapsulated headers information, error 202 "
+                               "(generic error); [6] unable to read icap header"));
 }
 
 // Neither side has room for what the other sends, so each waits for the other to read.

@@ -6,8 +6,6 @@
 #include "tests/support/heap.h"
 #include "tests/support/log_capture.h"
 
-using Lines = std::vector<LogLine>;
-
 static const char *const null = nullptr;
 
 TEST(zqformat, what_is_not_given_is_left_out_and_logged)

@@ -7,7 +7,6 @@
 #include "tests/support/log_capture.h"
 
 using Getopt = Owned<zqgetopt, zq_getopt_destroy>;
-using Lines = std::vector<LogLine>;
 
 static std::string usage(const Getopt &getopt)
 {

@@ -8,7 +8,6 @@
 #include "tests/support/scratch.h"
 
 using Localization = Owned<zqlocalization, zq_localization_destroy>;
-using Lines = std::vector<LogLine>;
 
 // Text domains: a directory for each, a file for each language.
 class Catalogues {

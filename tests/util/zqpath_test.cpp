@@ -4,7 +4,6 @@
 #include "tests/support/faults.h"
 #include "tests/support/log_capture.h"
 
-using Lines = std::vector<LogLine>;
 using Path = Owned<zqpath, zq_path_destroy>;
 
 TEST(zqpath, renders_what_was_appended)

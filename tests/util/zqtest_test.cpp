@@ -17,7 +17,6 @@ extern "C" time_t time(time_t *out)
 }
 
 using Suite = Owned<zqtest, zq_test_destroy>;
-using Lines = std::vector<LogLine>;
 
 static Suite create(const std::string &name)
 {

@@ -12,7 +12,6 @@
 
 using Params = Owned<zqthreadpool_params, zq_threadpool_params_destroy>;
 using Pool = Owned<zqthreadpool, zq_threadpool_destroy>;
-using Lines = std::vector<LogLine>;
 
 namespace {
 struct Request {
