@@ -167,13 +167,14 @@ ZQ_API int zq_http_is_aborted(zqhttp *zqhttp);
 /* zq_http_get_status_code returns the status of the last exchange, 0 when there was none. */
 ZQ_API int32_t zq_http_get_status_code(zqhttp *zqhttp);
 
-/* zq_http_get_response_header returns a response header, its name in any letter case, or null. The
- * text belongs to the object and is valid until the next zq_http_perform(). */
+/* zq_http_get_response_header returns a response header, its name in any letter case, or null when
+ * it is missing (or memory is, which is logged). The text belongs to the object and is valid until
+ * the next zq_http_perform(). */
 ZQ_API const char *zq_http_get_response_header(zqhttp *zqhttp, const char *name);
 
 /* zq_http_get_response_header_int reads a response header as a decimal number; text after it is
  * ignored. On failure *valueptr is -1.
- *   ZQ_ERROR_NOT_FOUND     there is no such header
+ *   ZQ_ERROR_NOT_FOUND     zq_http_get_response_header() gives null
  *   ZQ_ERROR_OUT_OF_RANGE  it does not fit 32 bits */
 ZQ_API zqerror zq_http_get_response_header_int(zqhttp *zqhttp, const char *name, int32_t *valueptr);
 
