@@ -247,8 +247,8 @@ static zqerror serve_one_client(Prepared &prepared)
 }
 
 // The server does not start, or the client is not served, or nobody sees it. What is left out is
-// the wakeup, since a stop that the accepting thread does not hear of never ends it, and the calls of
-// threads and locks whose success is asserted.
+// the wakeup, since a stop that the accepting thread does not hear of never ends it, and the calls
+// of threads and locks whose success is asserted.
 TEST(zqtcpserver, calls_of_the_system_may_fail_anywhere)
 {
     const size_t threads = count_threads();
